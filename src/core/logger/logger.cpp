@@ -1,0 +1,151 @@
+#include "logger.h"
+
+#include "loggerwidget.h"
+#include "ztmifound.h"
+
+#include <QDateTime>
+
+Logger::Logger(QObject *parent)
+    : QObject(parent)
+    , fileOpen(false)
+    , widget(nullptr)
+    , maximumBlockCount(500)
+    , levelWrite(Info)
+{
+    setObjectName(QStringLiteral("logger"));
+    qRegisterMetaType<Logger::Level>("Logger::Level");
+}
+
+Logger::~Logger()
+{
+    if (fileOpen)
+        file.close();
+    delete widget;
+}
+
+QString Logger::levelTag(int level)
+{
+    switch (level) {
+    case Critical:
+        return QStringLiteral("(CC)");
+    case Error:
+        return QStringLiteral("(EE)");
+    case Warning:
+        return QStringLiteral("(WW)");
+    case Info:
+        return QStringLiteral("(II)");
+    case Message:
+        return QStringLiteral("(MM)");
+    default:
+        return QStringLiteral("(DD)");
+    }
+}
+
+QString Logger::levelLetter(int level)
+{
+    switch (level) {
+    case Critical:
+        return QStringLiteral("C");
+    case Error:
+        return QStringLiteral("E");
+    case Warning:
+        return QStringLiteral("W");
+    case Info:
+        return QStringLiteral("I");
+    case Message:
+        return QStringLiteral("M");
+    default:
+        return QStringLiteral("D");
+    }
+}
+
+void Logger::append(QString strout, Logger::Level level)
+{
+    timedAppend(strout, level);
+}
+
+void Logger::append(QString strout)
+{
+    timedAppend(strout, Message);
+}
+
+// The module whose signal is being delivered: its alias, or "id_N (ObjectName)"; "null" for a
+// direct call or a sender that is not a module.
+QString Logger::sourceName() const
+{
+    auto *module = qobject_cast<ZtMIFound *>(sender());
+    if (!module)
+        return QStringLiteral("null");
+    const QString alias = module->getOptions()->value(QStringLiteral(".alias")).toString();
+    if (!alias.isEmpty())
+        return alias;
+    return QStringLiteral("id_") + QString::number(module->getId()) + QStringLiteral(" (")
+        + module->objectName() + QStringLiteral(")");
+}
+
+void Logger::timedAppend(QString strout, Logger::Level level)
+{
+    const QString shortTime = QTime::currentTime().toString(QStringLiteral("hh:mm:ss"));
+    const QString longTime
+        = QDateTime::currentDateTime().toString(QStringLiteral("dd MMM hh:mm:ss"));
+    const int value = static_cast<int>(level);
+    const QString source = sourceName();
+
+    emit print(shortTime + QLatin1Char(' ') + source + QStringLiteral(": ") + strout,
+               levelLetter(value));
+
+    if (levelWrite != 0 && value <= static_cast<int>(levelWrite) && fileOpen) {
+        strout.replace(QStringLiteral("\n"), QStringLiteral("\n\t"));
+        const QString line = levelTag(value) + QLatin1Char(' ') + longTime + QLatin1Char(' ')
+            + source + QStringLiteral(":    ") + strout + QLatin1Char('\n');
+        file.write(line.toUtf8());
+        file.flush();
+    }
+}
+
+void Logger::setFile(QString fileName)
+{
+    if (file.isOpen())
+        file.close();
+    if (levelWrite == 0)
+        return;
+    file.setFileName(fileName);
+    fileOpen = file.open(QIODevice::WriteOnly | QIODevice::Append);
+    if (!fileOpen)
+        return;
+    const QDateTime now = QDateTime::currentDateTime();
+    const QString header = QStringLiteral("\n\n==============================     ")
+        + now.toString(QStringLiteral("dd.MM.yy")) + QLatin1Char(' ')
+        + now.toString(QStringLiteral("hh:mm:ss "))
+        + QStringLiteral("     =============================\n");
+    file.write(header.toUtf8());
+    file.flush();
+}
+
+void Logger::setLevelWrite(Logger::Level level)
+{
+    levelWrite = level;
+}
+
+void Logger::setMaximumBlockCount(int count)
+{
+    maximumBlockCount = count;
+    if (widget)
+        widget->setMaximumBlockCount(count);
+}
+
+void Logger::createWidget(QWidget *parent)
+{
+    if (widget)
+        return;
+    widget = new LoggerWidget(parent);
+    widget->setMaximumBlockCount(maximumBlockCount);
+    connect(this, &Logger::print, widget, &LoggerWidget::print);
+}
+
+QWidget *Logger::getWidget()
+{
+    if (!fileOpen)
+        timedAppend(QStringLiteral("can't open log_file !!!"), Error);
+    return widget;
+}

@@ -1,0 +1,5 @@
+#include "wabstractstate.h"
+
+WAbstractState::WAbstractState(QWidget *parent)
+    : QWidget(parent)
+{ }
