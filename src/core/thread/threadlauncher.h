@@ -1,0 +1,52 @@
+#pragma once
+
+#include "ztcore_export.h"
+#include "threadloop.h"
+
+#include <QList>
+#include <QObject>
+#include <QPointer>
+
+class QThread;
+
+// Creates, numbers and owns the module worker threads, keeps one extra thread for propagators
+// and stops them all when it is destroyed. Lives on (and must only be used from) the thread of
+// the object that owns it, normally the GUI thread: threads announce themselves through queued
+// calls that this thread processes, so `threads` and `ppgThread` are never touched elsewhere.
+//
+// Module-thread loops are children of the launcher; the propagator loop is a child of the
+// owner object given at construction.
+class ZTCORE_EXPORT ThreadLauncher : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit ThreadLauncher(QObject *parent = nullptr);
+    ~ThreadLauncher() override;
+
+    // Creates and starts n more module threads; returns once all have announced themselves.
+    bool launchThread(int n);
+    // Thread `number`, creating missing threads first; the launcher's own thread for number < 0.
+    QThread *placeAt(int number);
+    // Thread `number` without creating anything (null if it was never created); the owner's
+    // thread for number < 0.
+    QThread *threadAt(int number);
+    // The propagator thread; processes events until it has announced itself.
+    QThread *getPpgThread();
+    int threadCount() const;
+
+signals:
+    void quitThreads();
+
+private slots:
+    void appendThread(QThread *th);
+    void setPpgThread(QThread *th);
+
+private:
+    ThreadLoop *currentLoop;
+    QThread *ppgThread;
+    QObject *ownerObject;
+    QList<QThread *> threads;
+    // The propagator loop object; it lives on as a child of ownerObject after the launcher.
+    QPointer<ThreadLoop> m_ppgLoop;
+};
