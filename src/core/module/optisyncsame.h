@@ -11,7 +11,7 @@ class ZTCORE_EXPORT OptiSyncSame : public OptiSync
     Q_OBJECT
 
 public:
-    OptiSyncSame(QStringList names, QObject *parent = nullptr);
+    explicit OptiSyncSame(QStringList names, QObject *parent = nullptr);
 
     QStringList getNames() const;
 
