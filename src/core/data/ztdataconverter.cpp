@@ -2,6 +2,16 @@
 
 QAtomicPointer<ZtDataConverter> ZtDataConverter::p_instance;
 
+namespace {
+template<typename T>
+int registerVectorType(const char *name)
+{
+    const int id = qRegisterMetaType<QVector<T>>(name);
+    QMetaType::registerEqualsComparator<QVector<T>>();
+    return id;
+}
+} // namespace
+
 ZtDataConverter::ZtDataConverter()
 {
     fillListId();
@@ -26,12 +36,14 @@ QList<int> ZtDataConverter::registerVectorTypes()
     // Qt registers QVector<T> under the name of T's canonical type ("QVector<short>") and adds
     // the sequential-iterable converter when the id is first taken; the names below are
     // registered as aliases of that id so that senders may use either spelling.
+    // The comparators make QVariant's == compare the samples, so that data items holding sample
+    // vectors compare by value.
     static const QList<int> ids = {
-        qRegisterMetaType<QVector<qint8>>("QVector<qint8>"),
-        qRegisterMetaType<QVector<qint16>>("QVector<qint16>"),
-        qRegisterMetaType<QVector<qint32>>("QVector<qint32>"),
-        qRegisterMetaType<QVector<qint64>>("QVector<qint64>"),
-        qRegisterMetaType<QVector<double>>("QVector<double>"),
+        registerVectorType<qint8>("QVector<qint8>"),
+        registerVectorType<qint16>("QVector<qint16>"),
+        registerVectorType<qint32>("QVector<qint32>"),
+        registerVectorType<qint64>("QVector<qint64>"),
+        registerVectorType<double>("QVector<double>"),
     };
     return ids;
 }

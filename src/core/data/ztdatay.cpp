@@ -1,5 +1,7 @@
 #include "ztdatay.h"
 
+#include "ztdataconverter.h"
+
 namespace {
 // Registered before the first value exists, so that a variant or a queued call carrying one
 // can always be made by name.
@@ -8,6 +10,8 @@ void registerType()
     static const int id = [] {
         const int id = qRegisterMetaType<ZtDataY>("ZtDataY");
         QMetaType::registerEqualsComparator<ZtDataY>();
+        // Values often hold sample vectors; their comparators make == compare samples.
+        ZtDataConverter::registerVectorTypes();
         return id;
     }();
     Q_UNUSED(id)
