@@ -1,0 +1,84 @@
+#include "propagatorstreamconcurrent.h"
+
+#include "modlocker.h"
+#include "ztmifound.h"
+
+#include <QMutexLocker>
+
+namespace {
+
+void lockAll(const QList<ModLocker *> &lockers)
+{
+    for (ModLocker *locker : lockers)
+        locker->lock();
+}
+
+void unlockAll(const QList<ModLocker *> &lockers)
+{
+    for (ModLocker *locker : lockers)
+        locker->unlock();
+}
+
+bool ownedByExtended(const ModLocker *locker)
+{
+    const ZtMIFound *owner = locker->getOwner();
+    return owner && owner->getModType() == ZtMIFound::ModExtended;
+}
+
+void lockExtended(const QList<ModLocker *> &lockers)
+{
+    for (ModLocker *locker : lockers) {
+        if (ownedByExtended(locker))
+            locker->lock();
+    }
+}
+
+void unlockExtended(const QList<ModLocker *> &lockers)
+{
+    for (ModLocker *locker : lockers) {
+        if (ownedByExtended(locker))
+            locker->unlock();
+    }
+}
+
+} // namespace
+
+PropagatorStreamConcurrent::PropagatorStreamConcurrent(QObject *parent)
+    : PropagatorStream(Propagator::Concurrent, parent)
+{ }
+
+bool PropagatorStreamConcurrent::setChild(Propagator *child)
+{
+    Q_UNUSED(child)
+    return false;
+}
+
+void PropagatorStreamConcurrent::send(const QByteArray &byteArray)
+{
+    QMutexLocker guard(&mutex);
+    lockAll(lockers);
+    emit trySend(byteArray);
+    unlockAll(lockers);
+}
+
+void PropagatorStreamConcurrent::sendList(const QVariantList &list)
+{
+    QMutexLocker guard(&mutex);
+    lockAll(lockers);
+    emit trySendList(list);
+    emit streamSendList(list);
+    unlockAll(lockers);
+}
+
+void PropagatorStreamConcurrent::recvSend(const QByteArray &byteArray)
+{
+    send(byteArray);
+}
+
+void PropagatorStreamConcurrent::recvSendList(const QVariantList &list)
+{
+    QMutexLocker guard(&mutex);
+    lockExtended(lockers);
+    emit trySendList(list);
+    unlockExtended(lockers);
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include "ztcore_export.h"
+#include "propagatorstream.h"
+
+// Emits under its own mutex and under the locks of the modules it was given, so that consumers
+// reached by direct connections run with their module locked, and consumers in other threads
+// (reached by queued connections) at least never see two enqueued calls interleave. Lock order:
+// own mutex, then the module locks in list order; released in list order before the mutex.
+class ZTCORE_EXPORT PropagatorStreamConcurrent : public PropagatorStream
+{
+    Q_OBJECT
+
+public:
+    explicit PropagatorStreamConcurrent(QObject *parent = nullptr);
+
+    using PropagatorStream::sendList;
+    // A concurrent propagator never has a child.
+    bool setChild(Propagator *child) override;
+
+public slots:
+    void send(const QByteArray &byteArray) override;
+    void sendList(const QVariantList &list) override;
+
+protected slots:
+    void recvSend(const QByteArray &byteArray) override;
+    // Relayed lists lock only the extended modules in the list (mt == 1), unlike send and
+    // sendList which lock every module. The asymmetry is intended.
+    void recvSendList(const QVariantList &list) override;
+};
