@@ -410,30 +410,27 @@ void dieBy(int sig)
     raise(sig);
 }
 
-std::atomic<pid_t> *enterReport(pid_t self, bool *reentered)
+// Claims a reporting slot for this thread; true when it already holds one, that is when the
+// report itself has faulted. With every slot taken the report goes ahead unguarded.
+bool alreadyReporting(pid_t self)
 {
-    *reentered = false;
     for (auto &slot : reportingThreads) {
-        if (slot.load() == self) {
-            *reentered = true;
-            return nullptr;
-        }
+        if (slot.load() == self)
+            return true;
     }
     for (auto &slot : reportingThreads) {
         pid_t expected = 0;
         if (slot.compare_exchange_strong(expected, self))
-            return &slot;
+            break;
     }
-    return nullptr;
+    return false;
 }
 
 void crashHandler(int sig, siginfo_t *info, void *context)
 {
     const int savedErrno = errno;
     const pid_t self = static_cast<pid_t>(syscall(SYS_gettid));
-    bool reentered = false;
-    enterReport(self, &reentered);
-    if (reentered) {
+    if (alreadyReporting(self)) {
         dieBy(sig);
         errno = savedErrno;
         return;
