@@ -814,6 +814,14 @@ void ZtKernel::keep(Propagator *pg)
     propagators.append(pg);
 }
 
+// Module locks are not recursive: a propagator must never hold the same module's lock twice,
+// or its first send would wait for itself.
+static void addLock(Propagator *pg, ZtMIFound *module)
+{
+    if (!pg->getLockers().contains(module->getLocker()))
+        pg->appendLocker(module->getLocker());
+}
+
 bool ZtKernel::unknownIdentifier(const QString &field)
 {
     KDEBUG << "unknown identifer";
@@ -876,7 +884,7 @@ bool ZtKernel::connStreamToStream(const QStringList &fields, int a, int b)
     }
 
     auto *pg = new PropagatorStreamConcurrent;
-    pg->appendLocker(to->getLocker());
+    addLock(pg, to);
     keep(pg);
     if (!signal.startsWith(signalPrefix))
         return unknownIdentifier(signal);
@@ -927,7 +935,7 @@ bool ZtKernel::connStreamToExtended(const QStringList &fields, int a, int b)
 
     auto *pg = new PropagatorStreamConcurrent;
     keep(pg);
-    pg->appendLocker(to->getLocker());
+    addLock(pg, to);
     pg->moveToThread(to->thread());
     const bool in = connect(from, signalCode(signal).constData(), pg,
                             SLOT(recvSendList(QVariantList)), Qt::DirectConnection);
@@ -956,7 +964,7 @@ bool ZtKernel::connExtendedToStream(const QStringList &fields, int a, int b)
                 return false;
         }
         if (pgfrom->getType() == Propagator::Concurrent)
-            pgfrom->appendLocker(to->getLocker());
+            addLock(pgfrom, to);
         if (!slot.startsWith(slotPrefix))
             return unknownIdentifier(slot);
         return connect(pgfrom, SIGNAL(streamSendList(QVariantList)), to, slotCode(slot).constData(),
@@ -991,7 +999,7 @@ bool ZtKernel::connExtendedToStream(const QStringList &fields, int a, int b)
         KDEBUG << "unknown ptopagator type to module with id" << a;
         return false;
     }
-    pg->appendLocker(to->getLocker());
+    addLock(pg, to);
     if (!slot.startsWith(slotPrefix))
         return unknownIdentifier(slot);
     return connect(pg, SIGNAL(streamSendList(QVariantList)), to, slotCode(slot).constData(),
@@ -1036,15 +1044,14 @@ bool ZtKernel::connExtendedToExtended(const QStringList &fields, int a, int b)
             return false;
         }
     }
-    if (!sameThread && shared->getType() == Propagator::Concurrent)
-        shared->appendLocker(to->getLocker());
-
-    if (!pgto)
-        return plugInto(b, nameTo, shared, false);
-    if (pgto == shared)
-        return true;
+    if (!pgto || pgto == shared) {
+        if (!sameThread && shared->getType() == Propagator::Concurrent)
+            addLock(shared, to);
+        return pgto == shared || plugInto(b, nameTo, shared, false);
+    }
     // The target already listens to a propagator of its own (fed by another source, say): keep
-    // it and relay into it, so that every source reaches the target.
+    // it and relay into it, so that every source reaches the target. The target's propagator
+    // takes the target's lock when it relays; the source side must not take it as well.
     KDEBUG << "relay to pgto" << pgto;
     const bool bytes = connect(shared, SIGNAL(trySend(QByteArray)), pgto,
                                SLOT(recvSend(QByteArray)), Qt::DirectConnection);
