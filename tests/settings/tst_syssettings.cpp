@@ -1,0 +1,567 @@
+#include <syssettings.h>
+
+#include <QHash>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <functional>
+
+// Reads hand-written INI files: each case writes the text as a user would and checks what the
+// kernel would be told.
+class tst_SysSettings : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+
+    void mainWindowTexts_data();
+    void mainWindowTexts();
+    void loggerNumbers_data();
+    void loggerNumbers();
+    void valueText_data();
+    void valueText();
+
+    void moduleReads_data();
+    void moduleReads();
+    void idGroupWinsForValuesAliasWinsForSetting();
+    void readModuleSetting();
+    void widgetReads();
+
+    void aliasMap_data();
+    void aliasMap();
+    void replaceAliases_data();
+    void replaceAliases();
+    void commentFilter();
+    void elementLists();
+    void connections();
+
+    void beginGroupModuleAuto_data();
+    void beginGroupModuleAuto();
+    void groupsBalanced();
+
+    void exampleFile();
+
+private:
+    QString writeIni(const QByteArray &text);
+    QString fixture() const;
+
+    QTemporaryDir dir;
+    int files = 0;
+};
+
+QString tst_SysSettings::writeIni(const QByteArray &text)
+{
+    const QString path = dir.filePath(QStringLiteral("sys%1.ini").arg(++files));
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly))
+        qFatal("cannot write %s", qPrintable(path));
+    file.write(text);
+    return path;
+}
+
+QString tst_SysSettings::fixture() const
+{
+    return QStringLiteral(ZT_SETTINGS_FIXTURES "/handwritten.ini");
+}
+
+void tst_SysSettings::initTestCase()
+{
+    QVERIFY(dir.isValid());
+    QVERIFY(QFile::exists(fixture()));
+}
+
+// clang-format off
+void tst_SysSettings::mainWindowTexts_data()
+{
+    QTest::addColumn<QByteArray>("ini");
+    QTest::addColumn<QString>("title");
+    QTest::addColumn<QString>("version");
+    QTest::addColumn<QString>("loggerFile");
+    QTest::addColumn<QString>("cfgFile");
+
+    QTest::newRow("empty file") << QByteArray() << "" << "Unknown" << "" << "";
+    QTest::newRow("no mainwindow group") << QByteArray("[other]\ntitle=x\nversion=2\n") << ""
+            << "Unknown" << "" << "";
+    QTest::newRow("title and subtitle")
+            << QByteArray("[mainwindow]\ntitle=Rig\nsubtitle=Lab\nversion=1.2\n"
+                          "loggerfile=/tmp/z.log\ncfgfile=bench\n")
+            << "Rig - Lab" << "1.2" << "/tmp/z.log" << "bench";
+    QTest::newRow("subtitle only") << QByteArray("[mainwindow]\nsubtitle=Lab\n") << "Lab"
+            << "Unknown" << "" << "";
+    QTest::newRow("title only keeps the dash") << QByteArray("[mainwindow]\ntitle=Rig\n")
+            << "Rig - " << "Unknown" << "" << "";
+    QTest::newRow("empty version is not Unknown") << QByteArray("[mainwindow]\nversion=\n") << ""
+            << "" << "" << "";
+    QTest::newRow("utf-8") << QByteArray("[mainwindow]\ntitle=Стенд\nsubtitle=№1\n")
+            << QString::fromUtf8("Стенд - №1") << "Unknown" << "" << "";
+}
+// clang-format on
+
+void tst_SysSettings::mainWindowTexts()
+{
+    QFETCH(QByteArray, ini);
+    SysSettings settings(writeIni(ini));
+    QTEST(settings.getTitle(), "title");
+    QTEST(settings.readVersion(), "version");
+    QTEST(settings.getLoggerFile(), "loggerFile");
+    QTEST(settings.getSysSettingFileName(), "cfgFile");
+}
+
+// clang-format off
+void tst_SysSettings::loggerNumbers_data()
+{
+    QTest::addColumn<QByteArray>("ini");
+    QTest::addColumn<int>("level");
+    QTest::addColumn<bool>("levelOk");
+    QTest::addColumn<int>("size");
+    QTest::addColumn<bool>("sizeOk");
+
+    QTest::newRow("absent") << QByteArray("[mainwindow]\ntitle=x\n") << 0 << false << 0 << false;
+    QTest::newRow("numbers") << QByteArray("[mainwindow]\nloggerlevel=4\nloggersize=500\n") << 4
+            << true << 500 << true;
+    QTest::newRow("not numbers still count as set")
+            << QByteArray("[mainwindow]\nloggerlevel=high\nloggersize=\n") << 0 << true << 0
+            << true;
+    QTest::newRow("keys in another group") << QByteArray("[logger]\nloggerlevel=4\nloggersize=5\n")
+            << 0 << false << 0 << false;
+}
+// clang-format on
+
+void tst_SysSettings::loggerNumbers()
+{
+    QFETCH(QByteArray, ini);
+    SysSettings settings(writeIni(ini));
+    // Start from the opposite of what is expected, so that an untouched flag shows.
+    QFETCH(bool, levelOk);
+    QFETCH(bool, sizeOk);
+    bool ok = !levelOk;
+    QTEST(settings.getLoggerLevel(&ok), "level");
+    QCOMPARE(ok, levelOk);
+    ok = !sizeOk;
+    QTEST(settings.getLoggerBlockCount(&ok), "size");
+    QCOMPARE(ok, sizeOk);
+    // A null flag is allowed.
+    QTEST(settings.getLoggerLevel(nullptr), "level");
+    QTEST(settings.getLoggerBlockCount(nullptr), "size");
+}
+
+// Every read of a value as text, for the four ways people write a value with separators in it.
+// clang-format off
+void tst_SysSettings::valueText_data()
+{
+    QTest::addColumn<QByteArray>("value");
+    QTest::addColumn<QString>("expected");
+
+    QTest::newRow("plain") << QByteArray("abc") << "abc";
+    QTest::newRow("unquoted comma") << QByteArray("0,start") << "0,start";
+    QTest::newRow("quoted comma") << QByteArray("\"0,start\"") << "0,start";
+    QTest::newRow("blanks around unquoted commas are lost") << QByteArray("a , b,c") << "a,b,c";
+    QTest::newRow("quoted part then comma") << QByteArray("\"x;y\",z") << "x;y,z";
+    QTest::newRow("unquoted semicolon") << QByteArray("id_1;out;id_2;in") << "id_1";
+    QTest::newRow("quoted semicolon") << QByteArray("\"id_1;out;id_2;in\"") << "id_1;out;id_2;in";
+    QTest::newRow("empty") << QByteArray("") << "";
+}
+// clang-format on
+
+void tst_SysSettings::valueText()
+{
+    QFETCH(QByteArray, value);
+    QFETCH(QString, expected);
+    const QByteArray ini = "[aliases]\nid_1=m" + value + "\n[mainwindow]\ntitle=" + value
+        + "\nversion=" + value + "\nloggerfile=" + value + "\ncfgfile=" + value
+        + "\n[modules]\nid_0\\.name=" + value + "\n[widgets]\nid_0\\wmain=" + value
+        + "\nid_0\\wmainobjname=" + value + "\nid_0\\woptions=" + value
+        + "\nid_0\\actnamewoptions=" + value + "\nid_0\\woptionsstatustip=" + value
+        + "\n[mwelements]\nmenus\\k=" + value + "\nmenunames\\k=" + value + "\ntoolbars\\k=" + value
+        + "\ntoolbarnames\\k=" + value + "\n[actions]\nmwMenus\\m\\k=" + value
+        + "\nmwToolBars\\t\\k=" + value + "\n[connections]\nk=" + value + "\n";
+    SysSettings settings(writeIni(ini));
+
+    QCOMPARE(settings.getTitle(), expected.isEmpty() ? QString() : expected + " - ");
+    QCOMPARE(settings.readVersion(), expected);
+    QCOMPARE(settings.getLoggerFile(), expected);
+    QCOMPARE(settings.getSysSettingFileName(), expected);
+    QCOMPARE(settings.readModuleName(0), expected);
+    QCOMPARE(settings.readModuleWMain(0), expected);
+    QCOMPARE(settings.readModuleWMainObjName(0), expected);
+    QCOMPARE(settings.readModuleWOptions(0), expected);
+    QCOMPARE(settings.readModuleWOptionsAct(0), expected);
+    QCOMPARE(settings.readModuleWOptionsStatusTip(0), expected);
+    QCOMPARE(settings.stringValueFromGroupForModule("wmain", "widgets", 0, "dflt"), expected);
+    QCOMPARE(settings.readMenuLabel("k"), expected);
+    QCOMPARE(settings.readMenuName("k"), expected);
+    QCOMPARE(settings.readToolBarLabel("k"), expected);
+    QCOMPARE(settings.readToolBarName("k"), expected);
+    QCOMPARE(settings.readMenus(), QStringList {expected});
+    QCOMPARE(settings.readToolBars(), QStringList {expected});
+    QCOMPARE(settings.readMenusActions("m"), QStringList {expected});
+    QCOMPARE(settings.readToolBarsActions("t"), QStringList {expected});
+    QCOMPARE(settings.readConnections(), QStringList {expected});
+
+    // The alias is text too: module 1 is found under it, and readModuleSetting reports it.
+    QHash<QString, QVariant> options;
+    QVERIFY(settings.readModuleSetting(1, &options));
+    QCOMPARE(options.value(".alias").toString(), "m" + expected);
+    settings.beginGroupModuleAuto(1);
+    QCOMPARE(settings.group(), "m" + expected);
+    settings.endGroup();
+}
+
+// clang-format off
+void tst_SysSettings::moduleReads_data()
+{
+    QTest::addColumn<int>("id");
+    QTest::addColumn<bool>("hasName");
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<int>("thread");
+
+    // See fixtures/handwritten.ini.
+    QTest::newRow("thread not a number") << 0 << true << "Source" << 0;
+    QTest::newRow("name under id, thread under alias") << 2 << true << "Numbered" << 2;
+    QTest::newRow("alias group without name") << 5 << false << "" << 1;
+    QTest::newRow("alias from a zz_ key") << 7 << true << "Scope" << -1;
+    QTest::newRow("commented-out group") << 4 << false << "" << -1;
+    QTest::newRow("neither group nor alias") << 9 << false << "" << -1;
+    QTest::newRow("negative identifier") << -1 << false << "" << -1;
+}
+// clang-format on
+
+void tst_SysSettings::moduleReads()
+{
+    QFETCH(int, id);
+    SysSettings settings(fixture());
+    QTEST(settings.isModuleNameContains(id), "hasName");
+    QTEST(settings.readModuleName(id), "name");
+    QTEST(settings.readModuleThread(id), "thread");
+    QVERIFY(!settings.readModuleOption(id, "missing").isValid());
+}
+
+void tst_SysSettings::idGroupWinsForValuesAliasWinsForSetting()
+{
+    SysSettings settings(fixture());
+    QCOMPARE(settings.readModuleOption(2, "rate").toString(), "10");
+    QCOMPARE(settings.valueFromGroupForModule("rate", "modules", 2, 5).toString(), "10");
+    QCOMPARE(settings.valueFromGroupForModule("nothing", "modules", 2, 5), QVariant(5));
+    QCOMPARE(settings.readModuleOption(2, "label").toString(), "fast, slow");
+    // Unquoted commas give the module a list; only text reads join it.
+    QCOMPARE(settings.readModuleOption(2, "modes").toStringList(), QStringList({"fast", "slow"}));
+
+    QHash<QString, QVariant> options;
+    QVERIFY(settings.readModuleSetting(2, &options));
+    QCOMPARE(options.value("rate").toString(), "20");
+    QCOMPARE(options.value(".name").toString(), "Generator");
+}
+
+void tst_SysSettings::readModuleSetting()
+{
+    SysSettings settings(fixture());
+
+    QVERIFY(!settings.readModuleSetting(0, nullptr));
+
+    QHash<QString, QVariant> options {{"kept", 1}, {"gain", 7}};
+    QVERIFY(settings.readModuleSetting(0, &options));
+    QCOMPARE(options.value("kept"), QVariant(1));
+    QCOMPARE(options.value("gain").toString(), "3");
+    QCOMPARE(options.value(".name").toString(), "Source");
+    QCOMPARE(options.value(".thread").toString(), "abc");
+    QCOMPARE(options.value("deep/level").toString(), "1");
+    QCOMPARE(options.value(".alias").toString(), "id_0");
+    QCOMPARE(options.size(), 6);
+    // Commented out for the walk, yet readable by exact name.
+    QCOMPARE(settings.readModuleOption(0, "#gain").toString(), "99");
+
+    QHash<QString, QVariant> none;
+    QVERIFY(settings.readModuleSetting(9, &none));
+    QCOMPARE(none, (QHash<QString, QVariant> {{".alias", "id_9"}}));
+
+    // An empty alias must not make the module read the whole "modules" group.
+    SysSettings emptyAlias(writeIni("[aliases]\nid_4=\n[modules]\nid_1\\x=1\n"));
+    QHash<QString, QVariant> fourth;
+    QVERIFY(emptyAlias.readModuleSetting(4, &fourth));
+    QVERIFY(!fourth.contains("x"));
+    QVERIFY(!fourth.contains("id_1/x"));
+    QVERIFY(!emptyAlias.readModuleOption(4, "id_1/x").isValid());
+}
+
+void tst_SysSettings::widgetReads()
+{
+    SysSettings settings(fixture());
+    QCOMPARE(settings.readModuleWMain(2), "Generator view");
+    QCOMPARE(settings.readModuleWOptions(2), "Numbered options");
+    QVERIFY(settings.isModuleMainLayout(2));
+    QVERIFY(settings.isModuleWOptionsDialog(2));
+    QVERIFY(!settings.isModuleMainLayout(0));
+    QVERIFY(!settings.isModuleWOptionsDialog(7));
+    QVERIFY(settings.boolValueFromGroupForModule("absent", "widgets", 7, true));
+    QCOMPARE(settings.readModuleWOptionsAct(7), "Scope,settings");
+}
+
+// clang-format off
+void tst_SysSettings::aliasMap_data()
+{
+    QTest::addColumn<QByteArray>("aliases");
+    QTest::addColumn<QString>("expected");
+
+    QTest::newRow("id key") << QByteArray("id_12=gen") << "id_12;a";
+    QTest::newRow("any three leading characters") << QByteArray("zz_12=gen") << "id_12;a";
+    QTest::newRow("no number") << QByteArray("id_x=gen") << "gen;a";
+    QTest::newRow("hash commented") << QByteArray("#id_12=gen") << "gen;a";
+    QTest::newRow("slash commented") << QByteArray("//id_12=gen") << "gen;a";
+    QTest::newRow("later key wins") << QByteArray("id_3=gen\nxx_3=other") << "gen;a";
+    QTest::newRow("later key wins, other order") << QByteArray("id_3=other\nxx_3=gen") << "id_3;a";
+}
+// clang-format on
+
+void tst_SysSettings::aliasMap()
+{
+    QFETCH(QByteArray, aliases);
+    SysSettings settings(writeIni("[aliases]\n" + aliases + "\n[connections]\n01=\"gen;a\"\n"));
+    QTEST(settings.readConnections().value(0), "expected");
+}
+
+// clang-format off
+void tst_SysSettings::replaceAliases_data()
+{
+    QTest::addColumn<QString>("idPrefix");
+    QTest::addColumn<QString>("terminator");
+    QTest::addColumn<QString>("aliasPrefix");
+    QTest::addColumn<QString>("entry");
+    QTest::addColumn<QString>("expected");
+
+    // Aliases: 2 gen, 3 g, 10 out.
+    QTest::newRow("at start") << "id_" << ";" << "" << "gen;sig;id_3;in" << "id_2;sig;id_3;in";
+    QTest::newRow("after comma") << "id_" << ";" << "" << "id_3;x,gen;y" << "id_3;x,id_2;y";
+    QTest::newRow("after semicolon, every occurrence") << "id_" << ";" << "" << "id_1;a;gen;b;gen;c"
+            << "id_1;a;id_2;b;id_2;c";
+    QTest::newRow("start wins over inner for one alias") << "id_" << ";" << "" << "gen;a;gen;b"
+            << "id_2;a;gen;b";
+    QTest::newRow("other aliases still inner") << "id_" << ";" << "" << "gen;a;g;b"
+            << "id_2;a;id_3;b";
+    QTest::newRow("alias is a field, not a prefix") << "id_" << ";" << "" << "generator;a;id_1;b"
+            << "generator;a;id_1;b";
+    QTest::newRow("alias is a field, not a suffix") << "id_" << ";" << "" << "id_1;ogen;b"
+            << "id_1;ogen;b";
+    QTest::newRow("needs the terminator") << "id_" << ";" << "" << "id_1;a;gen" << "id_1;a;gen";
+    QTest::newRow("case sensitive") << "id_" << ";" << "" << "Gen;a" << "Gen;a";
+    QTest::newRow("alias that is a field word") << "id_" << ";" << "" << "id_1;out;id_2;in"
+            << "id_1;id_10;id_2;in";
+    QTest::newRow("action alias") << "actid_" << "," << "act:" << "act:gen,go" << "actid_2,go";
+    QTest::newRow("action alias inner") << "actid_" << "," << "act:" << "x;act:gen,go"
+            << "x;actid_2,go";
+    QTest::newRow("action alias without act:") << "actid_" << "," << "act:" << "gen,go" << "gen,go";
+    QTest::newRow("menu entry") << "" << "," << "" << "gen,start" << "2,start";
+    QTest::newRow("menu entry by number") << "" << "," << "" << "3,start" << "3,start";
+    QTest::newRow("empty entry") << "id_" << ";" << "" << "" << "";
+}
+// clang-format on
+
+void tst_SysSettings::replaceAliases()
+{
+    QFETCH(QString, idPrefix);
+    QFETCH(QString, terminator);
+    QFETCH(QString, aliasPrefix);
+    QFETCH(QString, entry);
+    SysSettings settings(writeIni("[aliases]\nid_2=gen\nid_3=g\nid_10=out\n"));
+    const QStringList result
+        = settings.replaceAliasesToId({entry, entry}, idPrefix, terminator, aliasPrefix);
+    QFETCH(QString, expected);
+    QCOMPARE(result, QStringList({expected, expected}));
+}
+
+void tst_SysSettings::commentFilter()
+{
+    SysSettings settings(writeIni("[#old]\na=1\n[//older]\nb=2\n[;oldest]\nc=3\n"
+                                  "[g]\nk=1\n#k=2\n//k=3\nsub\\y=5\n#sub2\\z=6\n//sub3\\w=7\n"));
+    // A "//" name reaches the base as an unnamed group; that is filtered too.
+    QCOMPARE(settings.childGroups(), QStringList {"g"});
+    QVERIFY(!settings.allKeys().contains("#old/a"));
+    settings.beginGroup("g");
+    QCOMPARE(settings.childKeys(), QStringList {"k"});
+    QCOMPARE(settings.childGroups(), QStringList {"sub"});
+    QCOMPARE(settings.allKeys(), QStringList({"k", "sub/y"}));
+    QCOMPARE(settings.value("#k").toString(), "2");
+    settings.endGroup();
+}
+
+void tst_SysSettings::elementLists()
+{
+    SysSettings settings(fixture());
+    QCOMPARE(settings.readMenus(), QStringList({"file", "view"}));
+    QCOMPARE(settings.readMenuName("view"), "&View; all");
+    QCOMPARE(settings.readToolBars(), QStringList {"main"});
+    QCOMPARE(settings.readToolBarName("main"), "Main,tools");
+    QCOMPARE(settings.readMenuName("absent"), QString());
+
+    QStringList actions = settings.readActions();
+    actions.sort();
+    QCOMPARE(actions, QStringList({"2,start", "5,stop"}));
+    QCOMPARE(settings.readMenusActions("file"), QStringList({"2,start", "5,stop"}));
+    QCOMPARE(settings.readToolBarsActions("main"), QStringList({"7,zoom", "1,reset"}));
+    QCOMPARE(settings.readMenusActions("absent"), QStringList());
+    QCOMPARE(settings.readToolBarsActions("file"), QStringList());
+}
+
+void tst_SysSettings::connections()
+{
+    SysSettings settings(fixture());
+    const QStringList expected {
+        "gen",
+        "id_2;signal_ImReady(QVariantList);id_1;slot_StartProcessing(QVariantList)",
+        "id_1;out;id_5;in;feedback",
+        "id_3;x,id_2;y",
+        "actid_2,go;actstart;id_5;slot_go()",
+        "generator;out;id_1;in",
+    };
+    QCOMPARE(settings.readConnections(), expected);
+
+    SysSettings none(writeIni("[mainwindow]\ntitle=x\n"));
+    QCOMPARE(none.readConnections(), QStringList());
+    QCOMPARE(none.readMenus(), QStringList());
+    QCOMPARE(none.readActions(), QStringList());
+}
+
+// clang-format off
+void tst_SysSettings::beginGroupModuleAuto_data()
+{
+    QTest::addColumn<QString>("outer");
+    QTest::addColumn<int>("id");
+    QTest::addColumn<QString>("expected");
+
+    QTest::newRow("alias") << "" << 2 << "gen";
+    QTest::newRow("no alias") << "" << 4 << "id_4";
+    QTest::newRow("alias in the map only, not in the file") << "" << 7 << "id_7";
+    QTest::newRow("no aliases group below") << "widgets" << 2 << "widgets/id_2";
+    QTest::newRow("nested aliases group") << "local" << 2 << "local/near";
+    QTest::newRow("nested, other module") << "local" << 3 << "local/id_3";
+    QTest::newRow("commented-out aliases group") << "hidden" << 2 << "hidden/id_2";
+    QTest::newRow("empty alias") << "local" << 5 << "local/id_5";
+}
+// clang-format on
+
+void tst_SysSettings::beginGroupModuleAuto()
+{
+    // Module 7's alias comes from a key that the file's "id_7" lookup does not see.
+    SysSettings settings(writeIni("[aliases]\nid_2=gen\nzz_7=scope\n[widgets]\nid_2\\a=1\n"
+                                  "[local]\naliases\\id_2=near\naliases\\id_5=\n"
+                                  "[hidden]\n#aliases\\id_2=far\n"));
+    QFETCH(QString, outer);
+    if (!outer.isEmpty())
+        settings.beginGroup(outer);
+    QFETCH(int, id);
+    settings.beginGroupModuleAuto(id);
+    QTEST(settings.group(), "expected");
+    settings.endGroup();
+    QCOMPARE(settings.group(), outer);
+}
+
+void tst_SysSettings::groupsBalanced()
+{
+    SysSettings settings(fixture());
+    settings.beginGroup("outer");
+
+    QHash<QString, QVariant> options;
+    const QList<QPair<const char *, std::function<void()>>> calls {
+        {"getSysSettingFileName", [&] { settings.getSysSettingFileName(); }},
+        {"getTitle", [&] { settings.getTitle(); }},
+        {"getLoggerFile", [&] { settings.getLoggerFile(); }},
+        {"getLoggerLevel", [&] { settings.getLoggerLevel(nullptr); }},
+        {"getLoggerBlockCount", [&] { settings.getLoggerBlockCount(nullptr); }},
+        {"readVersion", [&] { settings.readVersion(); }},
+        {"readMenuLabel", [&] { settings.readMenuLabel("01"); }},
+        {"readMenuName", [&] { settings.readMenuName("file"); }},
+        {"readToolBarLabel", [&] { settings.readToolBarLabel("01"); }},
+        {"readToolBarName", [&] { settings.readToolBarName("main"); }},
+        {"readMenus", [&] { settings.readMenus(); }},
+        {"readToolBars", [&] { settings.readToolBars(); }},
+        {"isModuleNameContains alias", [&] { settings.isModuleNameContains(5); }},
+        {"isModuleNameContains id", [&] { settings.isModuleNameContains(0); }},
+        {"readModuleName", [&] { settings.readModuleName(2); }},
+        {"readModuleThread", [&] { settings.readModuleThread(2); }},
+        {"readModuleOption", [&] { settings.readModuleOption(9, "x"); }},
+        {"readModuleSetting", [&] { settings.readModuleSetting(2, &options); }},
+        {"readModuleSetting null", [&] { settings.readModuleSetting(2, nullptr); }},
+        {"readModuleWMain", [&] { settings.readModuleWMain(2); }},
+        {"readModuleWMainObjName", [&] { settings.readModuleWMainObjName(2); }},
+        {"readModuleWOptions", [&] { settings.readModuleWOptions(2); }},
+        {"readModuleWOptionsAct", [&] { settings.readModuleWOptionsAct(7); }},
+        {"readModuleWOptionsStatusTip", [&] { settings.readModuleWOptionsStatusTip(7); }},
+        {"isModuleMainLayout", [&] { settings.isModuleMainLayout(2); }},
+        {"isModuleWOptionsDialog", [&] { settings.isModuleWOptionsDialog(2); }},
+        {"readActions", [&] { settings.readActions(); }},
+        {"readMenusActions", [&] { settings.readMenusActions("file"); }},
+        {"readToolBarsActions", [&] { settings.readToolBarsActions("main"); }},
+        {"readConnections", [&] { settings.readConnections(); }},
+        {"replaceAliasesToId", [&] { settings.replaceAliasesToId({"gen;a"}, "id_", ";", ""); }},
+    };
+    for (const auto &call : calls) {
+        call.second();
+        QVERIFY2(settings.group() == "outer", call.first);
+    }
+
+    // Reads inside "outer" are relative to it: the fixture has no such group.
+    QCOMPARE(settings.getTitle(), QString());
+    settings.endGroup();
+    QCOMPARE(settings.getTitle(), "Rig - Bench 1; north wall");
+}
+
+void tst_SysSettings::exampleFile()
+{
+    SysSettings settings(QStringLiteral(ZT_EXAMPLE_INI));
+    QCOMPARE(settings.status(), QSettings::NoError);
+    QCOMPARE(settings.getTitle(), "Measuring rig - Bench 1");
+    bool ok = false;
+    QCOMPARE(settings.getLoggerLevel(&ok), 4);
+    QVERIFY(ok);
+
+    // The kernel loads modules 0, 1, ... up to the first without a name.
+    const QStringList names {"Generator", "Filter", "Plot", "Store", "Panel"};
+    const QList<int> threads {0, 1, -1, 1, -1};
+    for (int id = 0; id < names.size(); ++id) {
+        QVERIFY(settings.isModuleNameContains(id));
+        QCOMPARE(settings.readModuleName(id), names.at(id));
+        QCOMPARE(settings.readModuleThread(id), threads.at(id));
+    }
+    QVERIFY(!settings.isModuleNameContains(names.size()));
+
+    QHash<QString, QVariant> options;
+    QVERIFY(settings.readModuleSetting(1, &options));
+    QVERIFY(!options.contains("#window"));
+    QCOMPARE(options.value(".alias").toString(), "id_1");
+    QCOMPARE(settings.readModuleOption(0, "start.actname").toString(), "Start");
+
+    QCOMPARE(settings.readModuleWMain(2), "Plot");
+    QVERIFY(settings.isModuleMainLayout(2));
+    QVERIFY(settings.isModuleWOptionsDialog(0));
+
+    QCOMPARE(settings.readMenus(), QStringList({"file", "generator"}));
+    QCOMPARE(settings.readMenuName("generator"), "&Generator");
+    QCOMPARE(settings.readMenusActions("generator"), QStringList({"0,start", "0,stop"}));
+    QCOMPARE(settings.readToolBarsActions("main"), QStringList({"0,start", "4,quit"}));
+    QStringList actions = settings.readActions();
+    actions.sort();
+    QCOMPARE(actions, QStringList({"0,start", "4,quit"}));
+
+    const QStringList expected {
+        "id_0;signal_ImReady(QVariantList);id_1;slot_StartProcessing(QVariantList)",
+        "id_0;signal_finished();id_1;slot_reset()",
+        "id_1;signal_ImReady(QVariantList);id_2;in",
+        "id_2;out;id_3;in",
+        "id_2;request;id_3;server;feedback",
+        "id_3;out;id_1;slot_StartProcessing(QVariantList)",
+        "id_1;signal_state(QString);logger",
+        "id_0;signal_sendOptions(ModuleOptions);id_1;slot_recvOptions(ModuleOptions)",
+        "id_0;signal_sendOptions(ModuleOptions);id_2;slot_recvOptions(ModuleOptions);"
+        "period,amplitude",
+        "id_0;signal_sendOptions(ModuleOptions);id_3;slot_recvOptions(ModuleOptions);"
+        "period,amplitude;interval,scale",
+        "actid_0,start;actstart;id_1;slot_StartProcessing(QVariantList)",
+        "actid_0,stop;actstart;id_2;slot_clear()",
+        "actid_4,quit;actquit",
+        "actid_4,stay;actcancelquit",
+    };
+    QCOMPARE(settings.readConnections(), expected);
+}
+
+QTEST_GUILESS_MAIN(tst_SysSettings)
+#include "tst_syssettings.moc"
