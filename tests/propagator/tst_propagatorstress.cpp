@@ -1,6 +1,6 @@
 #include "propagatorfeedbackconcurrent.h"
 #include "propagatorstreamconcurrent.h"
-#include "testthread.h"
+#include "propagatortest.h"
 #include "ztmistream.h"
 
 #include <QAtomicInt>
@@ -45,32 +45,6 @@ public slots:
             ++next[producer];
         received.ref();
     }
-};
-
-// Answers each request with a value derived from it, so that a mixed-up answer is detected.
-class Server : public QObject
-{
-    Q_OBJECT
-
-public:
-    explicit Server(PropagatorFeedback *p)
-        : QObject(p)
-        , p(p)
-    {
-        connect(p, &PropagatorFeedback::tryRead, this, &Server::onRead);
-        connect(p, &PropagatorFeedback::tryReadList, this, &Server::onReadList);
-        connect(p, &PropagatorFeedback::tryWrite, this, &Server::onWrite);
-        connect(p, &PropagatorFeedback::tryWriteList, this, &Server::onWriteList);
-    }
-
-public slots:
-    void onRead(qlonglong pos) { p->readReturn(QByteArray::number(pos)); }
-    void onReadList(qlonglong pos) { p->readListReturn({pos, pos + 1}); }
-    void onWrite(QByteArray data) { p->writeReturn(data.toLongLong() * 2); }
-    void onWriteList(QVariantList list) { p->writeListReturn(list.value(0).toLongLong() * 3); }
-
-private:
-    PropagatorFeedback *p;
 };
 
 bool requestOnce(PropagatorFeedback *p, qlonglong i)

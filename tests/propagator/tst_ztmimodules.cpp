@@ -1,6 +1,5 @@
 #include "propagatorfeedbackdirect.h"
 #include "propagatorstreamdirect.h"
-#include "testthread.h"
 #include "ztmiextended.h"
 #include "ztmistream.h"
 
@@ -11,26 +10,6 @@
 #include <memory>
 
 namespace {
-
-class Consumer : public ZtMIStream
-{
-    Q_OBJECT
-
-public:
-    explicit Consumer(int id)
-        : ZtMIStream(id)
-    { }
-
-    QAtomicPointer<QThread> ranIn;
-    QVariantList received;
-
-public slots:
-    void StartProcessing(QVariantList data) override
-    {
-        received = data;
-        ranIn.storeRelease(QThread::currentThread());
-    }
-};
 
 // Declares one stream name "out" and one feedback name "dev", as a module does in initOptions.
 class Device : public ZtMIExtended
@@ -64,7 +43,6 @@ class tst_ZtMIModules : public QObject
 private slots:
     void statusReachesState_data();
     void statusReachesState();
-    void streamAcrossThreads();
     void pointerVariants_data();
     void pointerVariants();
     void setPropagator_data();
@@ -92,18 +70,6 @@ void tst_ZtMIModules::statusReachesState()
     QCOMPARE(states.count(), 1);
     QCOMPARE(states.first().first().toString(), QString("x"));
     QCOMPARE(m->property("mt").toInt(), 0);
-}
-
-void tst_ZtMIModules::streamAcrossThreads()
-{
-    TestThread worker;
-    ZtMIStream producer(1);
-    auto *consumer = worker.adopt(new Consumer(2));
-    connect(&producer, &ZtMIStream::ImReady, consumer, &ZtMIStream::StartProcessing);
-
-    emit producer.ImReady({1, "a"});
-    QTRY_COMPARE(consumer->ranIn.loadAcquire(), worker.get());
-    QCOMPARE(consumer->received, (QVariantList {1, "a"}));
 }
 
 void tst_ZtMIModules::pointerVariants_data()
