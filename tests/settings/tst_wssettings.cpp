@@ -11,13 +11,6 @@
 
 using Options = QHash<QString, QVariant>;
 
-// Qt 5.15's offscreen platform plug-in never frees its screen. Read by the leak checker of the
-// sanitizer build at start; harmless otherwise.
-extern "C" const char *__lsan_default_suppressions()
-{
-    return "leak:libqoffscreen.so\n";
-}
-
 // The state store as a host uses it: save, then read back through a fresh object on the same
 // file, as after a restart; the written file itself is checked where layout matters.
 class tst_WSSettings : public QObject

@@ -502,26 +502,28 @@ QList<QWidget *> ZtKernel::getWOptions()
     return result;
 }
 
-// Puts the module's action `entry` ("<id>,<action name>") into a menu or tool bar; the
-// action's texts come from the module's ".act*" options when they are set.
+// Gives a menu or tool-bar action its texts from the module's ".act*" options, where set. An
+// unquoted text with a comma arrives as a string list: it is shown as written.
 static void applyActionTexts(SysSettings *settings, int id, const QString &actionName,
                              QAction *action)
 {
-    const QVariant text = settings->readModuleOption(id, actionName + QStringLiteral(".actname"));
-    if (text.isValid())
-        action->setText(text.toString());
-    const QVariant statusTip
-        = settings->readModuleOption(id, actionName + QStringLiteral(".actstip"));
-    if (statusTip.isValid())
-        action->setStatusTip(statusTip.toString());
-    const QVariant toolTip
-        = settings->readModuleOption(id, actionName + QStringLiteral(".actttip"));
-    if (toolTip.isValid())
-        action->setToolTip(toolTip.toString());
-    const QVariant whatsThis
-        = settings->readModuleOption(id, actionName + QStringLiteral(".actwhat"));
-    if (whatsThis.isValid())
-        action->setWhatsThis(whatsThis.toString());
+    const struct
+    {
+        const char *suffix;
+        void (QAction::*set)(const QString &);
+    } texts[] = {{".actname", &QAction::setText},
+                 {".actstip", &QAction::setStatusTip},
+                 {".actttip", &QAction::setToolTip},
+                 {".actwhat", &QAction::setWhatsThis}};
+    for (const auto &text : texts) {
+        const QVariant value
+            = settings->readModuleOption(id, actionName + QLatin1String(text.suffix));
+        if (!value.isValid())
+            continue;
+        (action->*text.set)(value.type() == QVariant::StringList
+                                ? value.toStringList().join(QLatin1Char(','))
+                                : value.toString());
+    }
 }
 
 // Adds the module actions named by `entries` ("<id>,<action name>" each) to a menu or tool bar.
