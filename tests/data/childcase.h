@@ -3,78 +3,46 @@
 #include <QCoreApplication>
 #include <QHash>
 #include <QProcess>
-#include <QProcessEnvironment>
 #include <QtTest>
 
 #include <functional>
 
-// Cases that must end the process (qFatal) or that need a fresh process (nothing registered yet)
-// run in a child copy of the test executable. The child is selected by an environment variable
-// and runs exactly one case instead of the test class.
+// Cases that end the process (qFatal) or need a fresh process run in a child copy of the test
+// executable, selected by an environment variable; the child runs that one case instead of the
+// test class and exits with the case's result.
 namespace ChildCase {
 
-constexpr const char *variable = "ZTCORE_TEST_CHILD_CASE";
-
 using Cases = QHash<QByteArray, std::function<int()>>;
+constexpr const char *selector = "ZTCORE_TEST_CHILD_CASE";
 
-struct Result
-{
-    bool finished = false;
-    bool normalExit = false;
-    int exitCode = -1;
-    QByteArray stderrText;
-};
-
-inline Result run(const QByteArray &name)
+// With no message the child must exit with 0; with one it must die (abort or non-zero exit)
+// and print the message on stderr, where a sanitizer build may add its own report.
+inline bool check(const QByteArray &name, const QByteArray &fatalMessage = QByteArray())
 {
     QProcess child;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QString::fromLatin1(variable), QString::fromLatin1(name));
+    env.insert(QLatin1String(selector), QString::fromLatin1(name));
     child.setProcessEnvironment(env);
     child.start(QCoreApplication::applicationFilePath(), QStringList());
-    Result result;
-    result.finished = child.waitForFinished(120000);
-    result.normalExit = child.exitStatus() == QProcess::NormalExit;
-    result.exitCode = child.exitCode();
-    result.stderrText = child.readAllStandardError();
-    return result;
-}
-
-// The child must die (abort or non-zero exit) and say exactly `message` on stderr. Sanitizer
-// builds may add their own report around it.
-inline bool diesWith(const QByteArray &name, const QByteArray &message)
-{
-    const Result r = run(name);
-    if (!r.finished || (r.normalExit && r.exitCode == 0) || !r.stderrText.contains(message)) {
-        qWarning("child case %s: exit %d (%s), stderr:\n%s", name.constData(), r.exitCode,
-                 r.normalExit ? "normal" : "crash", r.stderrText.constData());
+    if (!child.waitForFinished(120000))
         return false;
-    }
-    return true;
+    const bool exitedCleanly = child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0;
+    const QByteArray err = child.readAllStandardError();
+    const bool pass
+        = fatalMessage.isEmpty() ? exitedCleanly : !exitedCleanly && err.contains(fatalMessage);
+    if (!pass)
+        qWarning("child case %s: exit code %d, stderr:\n%s", name.constData(), child.exitCode(),
+                 err.constData());
+    return pass;
 }
 
-inline bool succeeds(const QByteArray &name)
-{
-    const Result r = run(name);
-    if (!r.finished || !r.normalExit || r.exitCode != 0) {
-        qWarning("child case %s: exit %d, stderr:\n%s", name.constData(), r.exitCode,
-                 r.stderrText.constData());
-        return false;
-    }
-    return true;
-}
-
-// main() for a test with child cases: a child runs its case and exits with its result, or with
-// 3 when a case meant to die returned.
 template<typename TestClass>
 int main(int argc, char **argv, const Cases &cases)
 {
     QCoreApplication app(argc, argv);
-    const QByteArray selected = qgetenv(variable);
-    if (!selected.isEmpty()) {
-        const auto it = cases.find(selected);
-        return it == cases.end() ? 4 : it.value()();
-    }
+    const QByteArray selected = qgetenv(selector);
+    if (!selected.isEmpty())
+        return cases.contains(selected) ? cases.value(selected)() : 4;
     TestClass test;
     return QTest::qExec(&test, argc, argv);
 }

@@ -7,10 +7,7 @@
 #include <QByteArrayList>
 #include <QRandomGenerator>
 #include <QSequentialIterable>
-#include <QUrl>
 #include <QtTest>
-
-#include <limits>
 
 namespace {
 const QDateTime stamp = QDateTime(QDate(2023, 1, 2), QTime(3, 4, 5), Qt::UTC);
@@ -46,58 +43,28 @@ QVariant nested(const ZtDataArray &array)
     return QVariant::fromValue(array);
 }
 
-// The shape of a flat list with the type of every entry; QVariantList's own == would call
-// int 1 and double 1.0 equal.
-QString describe(const QVariantList &list)
+// A flat list with the type of every entry; QVariantList's own == calls 1 and 1.0 equal.
+QString typed(const QVariantList &list)
 {
     QStringList parts;
     for (const QVariant &v : list) {
         if (v.userType() == QMetaType::QVariantList)
-            parts << QLatin1Char('[') + describe(v.toList()) + QLatin1Char(']');
-        else if (!v.isValid())
-            parts << QStringLiteral("invalid");
+            parts << QLatin1Char('[') + typed(v.toList()) + QLatin1Char(']');
         else
-            parts << QString::fromLatin1(v.typeName()) + QLatin1Char(':') + v.toString();
+            parts << QString::fromLatin1(v.isValid() ? v.typeName() : "invalid") + QLatin1Char(':')
+                    + v.toString();
     }
     return parts.join(QLatin1String(", "));
 }
+} // namespace
 
-QString describe(const ZtDataArray &array)
+// Failure messages show arrays in their flat form.
+char *toString(const ZtDataArray &array)
 {
-    QStringList parts;
-    for (const QVariant &v : array.items) {
-        const ZtDataItem *item = static_cast<const ZtDataItem *>(v.constData());
-        QString text;
-        if (v.userType() == qMetaTypeId<ZtDataArray>()) {
-            text = QLatin1Char('{') + describe(v.value<ZtDataArray>()) + QLatin1Char('}');
-        } else if (v.userType() == qMetaTypeId<ZtDataXY>()) {
-            const ZtDataXY p = v.value<ZtDataXY>();
-            text = QStringLiteral("XY(%1 %2, %3 %4)")
-                       .arg(QString::fromLatin1(p.getX().typeName()), p.getX().toString(),
-                            QString::fromLatin1(p.getY().typeName()), p.getY().toString());
-        } else if (v.userType() == qMetaTypeId<ZtDataY>()) {
-            const ZtDataY p = v.value<ZtDataY>();
-            text = QStringLiteral("Y(%1 %2)")
-                       .arg(QString::fromLatin1(p.getY().typeName()), p.getY().toString());
-        } else {
-            text = QStringLiteral("?");
-            item = nullptr;
-        }
-        if (item) {
-            if (item->isNameSet())
-                text += QStringLiteral(" name=") + item->getName();
-            if (item->isPenSet())
-                text += QStringLiteral(" pen=") + item->getPen().color().name();
-            if (item->isStyleSet())
-                text += QStringLiteral(" style=%1").arg(item->getStyle());
-            if (item->isTimestampSet())
-                text += QStringLiteral(" time=") + item->getTimestamp().toString(Qt::ISODate);
-        }
-        parts << text;
-    }
-    return parts.join(QLatin1String("; "));
+    return qstrdup(qPrintable(typed(ZtDataWrapper::convArrayToList(array))));
 }
 
+namespace {
 template<typename T>
 QVariant convertTo(const QVariant &v)
 {
@@ -124,7 +91,6 @@ class tst_ZtDataConversion : public QObject
 
 private slots:
     void initTestCase();
-    void vectorTypesReadAsLists_data();
     void vectorTypesReadAsLists();
     void convertFromVariant_data();
     void convertFromVariant();
@@ -133,8 +99,6 @@ private slots:
     void arrayToList();
     void listToArray_data();
     void listToArray();
-    void writtenListsReadBack_data();
-    void writtenListsReadBack();
     void generatedArraysRoundTrip();
     void programmingErrorsEndTheProcess_data();
     void programmingErrorsEndTheProcess();
@@ -145,42 +109,22 @@ void tst_ZtDataConversion::initTestCase()
     ZtDataWrapper wrapper;
 }
 
-void tst_ZtDataConversion::vectorTypesReadAsLists_data()
-{
-    QTest::addColumn<QByteArray>("name");
-    QTest::addColumn<QVariant>("vector");
-    QTest::addColumn<QVariantList>("elements");
-
-    QTest::newRow("qint8") << QByteArrayLiteral("QVector<qint8>")
-                           << QVariant::fromValue(QVector<qint8> {-3, 4})
-                           << QVariantList {QVariant::fromValue(qint8(-3)),
-                                            QVariant::fromValue(qint8(4))};
-    QTest::newRow("qint16") << QByteArrayLiteral("QVector<qint16>")
-                            << QVariant::fromValue(QVector<qint16> {-300})
-                            << QVariantList {QVariant::fromValue(qint16(-300))};
-    QTest::newRow("qint32") << QByteArrayLiteral("QVector<qint32>")
-                            << QVariant::fromValue(QVector<qint32> {7, 8, 9})
-                            << QVariantList {7, 8, 9};
-    QTest::newRow("qint64") << QByteArrayLiteral("QVector<qint64>")
-                            << QVariant::fromValue(QVector<qint64> {Q_INT64_C(1) << 40})
-                            << QVariantList {QVariant::fromValue(qint64(Q_INT64_C(1) << 40))};
-    QTest::newRow("double") << QByteArrayLiteral("QVector<double>")
-                            << QVariant::fromValue(QVector<double> {}) << QVariantList {};
-}
-
 void tst_ZtDataConversion::vectorTypesReadAsLists()
 {
-    QFETCH(QByteArray, name);
-    QFETCH(QVariant, vector);
-    QFETCH(QVariantList, elements);
-
-    QCOMPARE(QMetaType::type(name.constData()), vector.userType());
-    QVERIFY(vector.canConvert<QVariantList>());
-    QVERIFY(QMetaType::hasRegisteredConverterFunction(
-        vector.userType(), qMetaTypeId<QtMetaTypePrivate::QSequentialIterableImpl>()));
-    const QSequentialIterable iterable = vector.value<QSequentialIterable>();
-    QCOMPARE(iterable.size(), elements.size());
-    QCOMPARE(vector.value<QVariantList>(), elements);
+    const QList<QPair<const char *, QVariant>> vectors {
+        {"QVector<qint8>", QVariant::fromValue(QVector<qint8> {-3, 4})},
+        {"QVector<qint16>", QVariant::fromValue(QVector<qint16> {-300, 4})},
+        {"QVector<qint32>", QVariant::fromValue(QVector<qint32> {7, 4})},
+        {"QVector<qint64>", QVariant::fromValue(QVector<qint64> {Q_INT64_C(1) << 40, 4})},
+        {"QVector<double>", QVariant::fromValue(QVector<double> {0.5, 4})},
+    };
+    for (const auto &vector : vectors) {
+        QCOMPARE(QMetaType::type(vector.first), vector.second.userType());
+        QVERIFY(vector.second.canConvert<QVariantList>());
+        const QSequentialIterable iterable = vector.second.value<QSequentialIterable>();
+        QCOMPARE(iterable.size(), 2);
+        QCOMPARE(iterable.at(1).toInt(), 4);
+    }
 }
 
 void tst_ZtDataConversion::convertFromVariant_data()
@@ -204,22 +148,10 @@ void tst_ZtDataConversion::convertFromVariant_data()
     QTest::newRow("qint8 to qint64 sign-extends")
         << QByteArrayLiteral("qint64") << QVariant::fromValue(QVector<qint8> {-128, 127})
         << QVariant::fromValue(QVector<qint64> {-128, 127});
-    QTest::newRow("qint16 to double")
-        << QByteArrayLiteral("double") << QVariant::fromValue(QVector<qint16> {-32768, 5})
-        << QVariant::fromValue(QVector<double> {-32768.0, 5.0});
     QTest::newRow("qint64 to double exact at 2^53")
         << QByteArrayLiteral("double")
         << QVariant::fromValue(QVector<qint64> {Q_INT64_C(9007199254740992), -1})
         << QVariant::fromValue(QVector<double> {9007199254740992.0, -1.0});
-    QTest::newRow("qint32 to qint64 keeps extremes")
-        << QByteArrayLiteral("qint64")
-        << QVariant::fromValue(QVector<qint32> {std::numeric_limits<qint32>::min(),
-                                                std::numeric_limits<qint32>::max()})
-        << QVariant::fromValue(QVector<qint64> {std::numeric_limits<qint32>::min(),
-                                                std::numeric_limits<qint32>::max()});
-    QTest::newRow("empty source") << QByteArrayLiteral("qint16")
-                                  << QVariant::fromValue(QVector<double>())
-                                  << QVariant::fromValue(QVector<qint16>());
     QTest::newRow("same type") << QByteArrayLiteral("qint16")
                                << QVariant::fromValue(QVector<qint16> {1, 2})
                                << QVariant::fromValue(QVector<qint16> {1, 2});
@@ -284,7 +216,7 @@ void tst_ZtDataConversion::arrayToList()
 {
     QFETCH(ZtDataArray, array);
     QFETCH(QVariantList, expected);
-    QCOMPARE(describe(ZtDataWrapper::convArrayToList(array)), describe(expected));
+    QCOMPARE(typed(ZtDataWrapper::convArrayToList(array)), typed(expected));
 }
 
 void tst_ZtDataConversion::listToArray_data()
@@ -349,38 +281,7 @@ void tst_ZtDataConversion::listToArray()
 {
     QFETCH(QVariantList, list);
     QFETCH(ZtDataArray, expected);
-    const ZtDataArray actual = ZtDataWrapper::convListToArray(list);
-    QCOMPARE(describe(actual), describe(expected));
-    QVERIFY(actual == expected);
-}
-
-void tst_ZtDataConversion::writtenListsReadBack_data()
-{
-    QTest::addColumn<ZtDataArray>("array");
-
-    ZtDataArray curve = arrayOf({xy(0.0, 1.5), xy(1.0, 2.5), xy(2.0, 3.5)},
-                                QStringLiteral("temperature"), QPen(Qt::red, 2), 1, stamp);
-    ZtDataArray bareCurve = arrayOf({xy(0, 1), xy(1, 4)});
-    QTest::newRow("bare values") << arrayOf({y(1), y(2.5), y(qint64(3)), y(true)});
-    QTest::newRow("int points") << arrayOf({xy(1, 2), xy(3, 4), xy(5, 6)});
-    QTest::newRow("points with attributes")
-        << arrayOf({xy(1, 2, QStringLiteral("a")), xy(3.0, 4, QString(), QPen(Qt::blue), 2),
-                    xy(5, 6, QString(), QPen(), -1, stamp)});
-    QTest::newRow("curves") << arrayOf({nested(curve), nested(bareCurve), nested(curve)});
-    QTest::newRow("curve then terminated int value")
-        << arrayOf({nested(bareCurve), y(7), nested(curve), y(8.5)});
-    QTest::newRow("mixture") << arrayOf(
-        {y(1), xy(2, 3), nested(curve), y(4.5, QStringLiteral("mean")), xy(5.5, 6),
-         y(QStringList {QStringLiteral("label")}),
-         nested(arrayOf({nested(bareCurve)}, QStringLiteral("group")))});
-}
-
-void tst_ZtDataConversion::writtenListsReadBack()
-{
-    QFETCH(ZtDataArray, array);
-    const ZtDataArray back = ZtDataWrapper::convListToArray(ZtDataWrapper::convArrayToList(array));
-    QCOMPARE(describe(back), describe(array));
-    QVERIFY(back == array);
+    QCOMPARE(ZtDataWrapper::convListToArray(list), expected);
 }
 
 namespace {
@@ -501,14 +402,33 @@ void tst_ZtDataConversion::generatedArraysRoundTrip()
         items += array.items.size();
         const ZtDataArray back
             = ZtDataWrapper::convListToArray(ZtDataWrapper::convArrayToList(array));
-        if (!(back == array)) {
-            qWarning("round %d\nwritten: %s\nread:    %s", round, qPrintable(describe(array)),
-                     qPrintable(describe(back)));
-            QFAIL("generated array did not read back equal");
-        }
+        if (!(back == array))
+            QFAIL(qPrintable(
+                QStringLiteral("round %1 read back as %2")
+                    .arg(round)
+                    .arg(QString::fromLatin1(QScopedArrayPointer<char>(toString(back)).data()))));
     }
     QVERIFY(items > 3000); // the generator really produced material
 }
+
+namespace {
+const QByteArray failed("ZtDataWrapper::convListToArray: conversion failed");
+const QByteArray unknownEntry("ZtDataWrapper::convListToArray: unknown type");
+
+// Lists that convListToArray must refuse, by child case name, with the expected message.
+QHash<QByteArray, QPair<QVariantList, QByteArray>> refusedLists()
+{
+    return {
+        {"name before any item", {{QStringLiteral("n"), 1.0}, failed}},
+        {"name after a terminator", {{1.0, QVariant(), QStringLiteral("n")}, failed}},
+        {"name after pen",
+         {{1.0, QVariant::fromValue(QPen(Qt::red)), QStringLiteral("n")}, failed}},
+        {"second timestamp", {{1.0, stamp, stamp}, failed}},
+        {"map entry", {{1.0, QVariantMap {{QStringLiteral("k"), 1}}}, unknownEntry}},
+        {"item variant entry", {{QVariant::fromValue(ZtDataY(1.0))}, unknownEntry}},
+    };
+}
+} // namespace
 
 void tst_ZtDataConversion::programmingErrorsEndTheProcess_data()
 {
@@ -516,40 +436,27 @@ void tst_ZtDataConversion::programmingErrorsEndTheProcess_data()
     QTest::addColumn<QByteArray>("message");
 
     const QByteArray unsupported("ZtDataConverter::convertFromVariant, unsupported type");
-    const QByteArray unknownItem("ZtDataWrapper::convArrayToList: unknown type");
-    const QByteArray failed("ZtDataWrapper::convListToArray: conversion failed");
-    const QByteArray unknownEntry("ZtDataWrapper::convListToArray: unknown type");
     QTest::newRow("convert a string") << QByteArrayLiteral("convert-string") << unsupported;
     QTest::newRow("convert an unsigned vector")
         << QByteArrayLiteral("convert-uint-vector") << unsupported;
-    QTest::newRow("array holding a plain value") << QByteArrayLiteral("write-plain") << unknownItem;
-    QTest::newRow("name before any item") << QByteArrayLiteral("read-leading-name") << failed;
-    QTest::newRow("name after a terminator")
-        << QByteArrayLiteral("read-name-after-terminator") << failed;
-    QTest::newRow("name after pen") << QByteArrayLiteral("read-name-after-pen") << failed;
-    QTest::newRow("second timestamp") << QByteArrayLiteral("read-two-timestamps") << failed;
-    QTest::newRow("map entry") << QByteArrayLiteral("read-map") << unknownEntry;
-    QTest::newRow("item variant entry") << QByteArrayLiteral("read-item") << unknownEntry;
+    QTest::newRow("array holding a plain value")
+        << QByteArrayLiteral("write-plain")
+        << QByteArrayLiteral("ZtDataWrapper::convArrayToList: unknown type");
+    const auto lists = refusedLists();
+    for (auto it = lists.cbegin(); it != lists.cend(); ++it)
+        QTest::newRow(it.key().constData()) << it.key() << it.value().second;
 }
 
 void tst_ZtDataConversion::programmingErrorsEndTheProcess()
 {
     QFETCH(QByteArray, childCase);
     QFETCH(QByteArray, message);
-    QVERIFY(ChildCase::diesWith(childCase, message));
+    QVERIFY(ChildCase::check(childCase, message));
 }
-
-namespace {
-int readList(const QVariantList &list)
-{
-    ZtDataWrapper::convListToArray(list);
-    return 3;
-}
-} // namespace
 
 int main(int argc, char **argv)
 {
-    const ChildCase::Cases cases {
+    ChildCase::Cases cases {
         {"convert-string",
          [] {
              ZtDataConverter::convertFromVariant<QVector<qint32>>(QStringLiteral("1,2"));
@@ -568,28 +475,13 @@ int main(int argc, char **argv)
              ZtDataWrapper::convArrayToList(array);
              return 3;
          }},
-        {"read-leading-name",
-         [] {
-             return readList({QStringLiteral("n"), 1.0});
-         }},
-        {"read-name-after-terminator",
-         [] {
-             return readList({1.0, QVariant(), QStringLiteral("n")});
-         }},
-        {"read-name-after-pen",
-         [] {
-             return readList({1.0, QVariant::fromValue(QPen(Qt::red)), QStringLiteral("n")});
-         }},
-        {"read-two-timestamps",
-         [] {
-             return readList({1.0, stamp, stamp});
-         }},
-        {"read-map",
-         [] {
-             return readList({1.0, QVariantMap {{QStringLiteral("k"), 1}}});
-         }},
-        {"read-item", [] { return readList({QVariant::fromValue(ZtDataY(1.0))}); }},
     };
+    for (const QByteArray &name : refusedLists().keys()) {
+        cases.insert(name, [name] {
+            ZtDataWrapper::convListToArray(refusedLists().value(name).first);
+            return 3;
+        });
+    }
     return ChildCase::main<tst_ZtDataConversion>(argc, argv, cases);
 }
 

@@ -23,9 +23,3 @@ void ModBusRegsArray::setStartAddress(int address)
 {
     startAddress = address;
 }
-
-bool ModBusRegsArray::operator==(const ModBusRegsArray &other) const
-{
-    return regs == other.regs && bits == other.bits && startAddress == other.startAddress
-        && mode == other.mode && type == other.type;
-}

@@ -24,9 +24,6 @@ public:
     int getStartAddress() const { return startAddress; }
     void setStartAddress(int address);
 
-    bool operator==(const ModBusRegsArray &other) const;
-    bool operator!=(const ModBusRegsArray &other) const { return !(*this == other); }
-
     QVector<quint16> regs;
     QVector<quint8> bits;
 

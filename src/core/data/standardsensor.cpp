@@ -42,9 +42,3 @@ void StandardSensor::setSecond(double value)
 {
     second = value;
 }
-
-bool StandardSensor::operator==(const StandardSensor &other) const
-{
-    return name == other.name && unit == other.unit && first == other.first
-        && second == other.second && kind == other.kind;
-}

@@ -32,9 +32,6 @@ public:
     void setSecond(double value);
     int getKind() const { return kind; }
 
-    bool operator==(const StandardSensor &other) const;
-    bool operator!=(const StandardSensor &other) const { return !(*this == other); }
-
 private:
     QString name;
     QString unit;

@@ -48,8 +48,10 @@
 // So two values in a row are one point (pairs are formed from the left), an int after a value
 // is a value, and an int after a nested array, name or pen is a style.
 //
-// Arrays that read back equal (convListToArray(convArrayToList(a)) == a): every array whose
-// nested arrays are again of this class and whose items satisfy
+// Arrays that read back equal (convListToArray(convArrayToList(a)) == a, value equality with
+// variant types compared too): every array a without attributes of its own (the flat form has
+// no place for them; nested arrays keep theirs) whose nested arrays, ignoring their own
+// attributes, are again of this class, and whose items satisfy
 //   1. every x and y is a valid variant of a V or I type above;
 //   2. a point or value item that has a style also has a name or a pen;
 //   3. a value item without attributes that is written without terminator (some earlier item of
@@ -58,7 +60,9 @@
 //      item written with a terminator, does not directly follow an item left open for a style:
 //      a nested array, or an item with a name or pen, that has neither style nor timestamp.
 // This includes arrays of bare values, arrays of points, nested arrays (curves) with any
-// attributes, and mixtures of them that keep rules 2 to 4.
+// attributes, and mixtures of them that keep rules 2 to 4. Outside the class the reading is
+// still deterministic: a value item with style 2 and nothing else ([1, 2]) reads as the point
+// (1, 2), and [point(1, 2) with style 3] ([1, 2, 3]) as the point (1, 2) and the value 3.
 class ZTCORE_EXPORT ZtDataWrapper
 {
 public:
