@@ -28,7 +28,6 @@ class tst_LoggerWidget : public QObject
 
 private slots:
     void initTestCase();
-    void windowTitle();
     void typeBoxes_data();
     void typeBoxes();
     void boxesStackedAtTheRight();
@@ -46,12 +45,6 @@ void tst_LoggerWidget::initTestCase()
 {
     // What a host does to receive the table through a spy or a queued connection.
     qRegisterMetaType<LevelTable>("QHash<QString,bool>");
-}
-
-void tst_LoggerWidget::windowTitle()
-{
-    LoggerWidget widget;
-    QCOMPARE(widget.windowTitle(), QStringLiteral("logger"));
 }
 
 void tst_LoggerWidget::typeBoxes_data()

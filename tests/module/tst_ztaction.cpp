@@ -53,7 +53,8 @@ void tst_ZtAction::setValue_data()
     QTest::newRow("double 2.5 on int 2") << QVariant(2) << "double" << QVariant(2.5) << true;
     QTest::newRow("double 2.0 on int 2") << QVariant(2) << "double" << QVariant(2.0) << false;
     QTest::newRow("double 0 on empty data") << QVariant() << "double" << QVariant(0.0) << false;
-    QTest::newRow("double NaN on NaN") << QVariant(notANumber) << "double" << QVariant(notANumber) << true;
+    QTest::newRow("double NaN on NaN")
+        << QVariant(notANumber) << "double" << QVariant(notANumber) << true;
     QTest::newRow("double NaN on 1") << QVariant(1.0) << "double" << QVariant(notANumber) << true;
     QTest::newRow("double 1 on NaN") << QVariant(notANumber) << "double" << QVariant(1.0) << true;
     QTest::newRow("variant same") << QVariant("on") << "variant" << QVariant("on") << false;

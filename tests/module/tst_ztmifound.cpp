@@ -79,7 +79,6 @@ private slots:
     void destructionDeletesActions();
     void destructionWhileLocked();
     void moduleOptionsCrossThreads();
-    void moveBackToMainThread();
 };
 
 void tst_ZtMIFound::setupNamesAndDeclares()
@@ -378,21 +377,6 @@ void tst_ZtMIFound::moduleOptionsCrossThreads()
 
     retire(sink, &worker);
     delete sink;
-}
-
-void tst_ZtMIFound::moveBackToMainThread()
-{
-    auto *module = new TestModule(1);
-    QThread worker;
-    worker.start();
-    module->moveToThread(&worker);
-
-    QMetaObject::invokeMethod(module, "moveMeToTheMainThread", Qt::BlockingQueuedConnection);
-
-    QCOMPARE(module->thread(), QCoreApplication::instance()->thread());
-    worker.quit();
-    worker.wait();
-    delete module;
 }
 
 QTEST_MAIN(tst_ZtMIFound)
