@@ -1,0 +1,1 @@
+ztcore_add_benchmark(bench_propagator SOURCES bench_propagator.cpp)
