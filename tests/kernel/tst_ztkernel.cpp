@@ -76,6 +76,8 @@ private slots:
 
     void loadingKeepsOneRecordPerEntry();
     void loadIsWrittenToTheLog();
+    void logFollowsTheSettings_data();
+    void logFollowsTheSettings();
     void modulesLandOnTheirThreads();
     void configuredOptionsArriveBeforeInit();
     void startUpReachesEveryModule();
@@ -174,6 +176,51 @@ void tst_ZtKernel::loadIsWrittenToTheLog()
         + refused.arg(QStringLiteral("the plugin does not implement ")
                       + QStringLiteral(ZtLibLevelInterface_iid));
     QCOMPARE(rig.log(QStringLiteral("kernel.log")), expected);
+}
+
+void tst_ZtKernel::logFollowsTheSettings_data()
+{
+    QTest::addColumn<QString>("mainwindow");
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<bool>("critical"); // level 1 entries written
+    QTest::addColumn<bool>("message"); // level 5 entries written
+
+    QTest::newRow("file and level given") << "loggerfile=@LOGDIR@/rig.log\nloggerlevel=5"
+                                          << "rig.log" << true << true;
+    QTest::newRow("no level: information and worse") << "loggerfile=@LOGDIR@/rig.log"
+                                                     << "rig.log" << true << false;
+    QTest::newRow("no file: zt.log in the working folder") << "loggerlevel=5"
+                                                           << "zt.log" << true << true;
+    QTest::newRow("level 0: no file at all") << "loggerfile=@LOGDIR@/rig.log\nloggerlevel=0"
+                                             << "rig.log" << false << false;
+}
+
+void tst_ZtKernel::logFollowsTheSettings()
+{
+    QFETCH(QString, mainwindow);
+    QFETCH(QString, file);
+    QFETCH(bool, critical);
+    QFETCH(bool, message);
+
+    QTemporaryDir dir;
+    const QString previous = QDir::currentPath();
+    QVERIFY(QDir::setCurrent(dir.path()));
+    {
+        Host host;
+        auto *kernel = new ZtKernel(&host);
+        kernel->setOptionsFileName(writeSettings(
+            dir, QStringLiteral("log.ini"),
+            QStringLiteral("[mainwindow]\ncfgfile=log rig\n%1\n[modules]\nid_0\\.name=Missing\n")
+                .arg(mainwindow)));
+        kernel->loadModules(moduleDir);
+    }
+    QDir::setCurrent(previous);
+
+    const QString log = readLog(dir.filePath(file));
+    QCOMPARE(QFile::exists(dir.filePath(file)), critical);
+    QCOMPARE(log.contains(QStringLiteral("(CC) <stamp> null:    Read config from log rig\n")),
+             critical);
+    QCOMPARE(log.contains(QStringLiteral("can't load Missing plugin, file not exists")), message);
 }
 
 void tst_ZtKernel::modulesLandOnTheirThreads()
@@ -363,6 +410,7 @@ void tst_ZtKernel::modulesInfo()
         QList<QString> info;
         bare.getModulesInfo(info);
         QCOMPARE(info, (QList<QString> {"core", "1.10.2", "-", "std", "27.04.2018 "}));
+        // Without a parent object nobody else would stop the propagator thread.
         delete bare.getThreadLauncher();
     }
 
