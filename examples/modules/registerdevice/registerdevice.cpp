@@ -102,6 +102,8 @@ int RegisterDevice::writeRegisters(int address, const QVector<quint16> &values)
     }
     for (int i = 0; i < values.size(); ++i)
         holding.regs[address + i] = values.at(i);
+    // The inputs follow a new amplitude at once, not only at the next tick.
+    simulate();
     emit state(QStringLiteral("wrote %1 registers at %2, first %3")
                    .arg(values.size())
                    .arg(address)
