@@ -8,9 +8,14 @@
 #include <propagatorstreamdirect.h>
 #include <ztdataarray.h>
 #include <ztdatawrapper.h>
+#include <wabstractoptions.h>
+#include <ztaction.h>
 #include <ztdataxy.h>
 
 #include <QDataStream>
+#include <QDialogButtonBox>
+#include <QDoubleSpinBox>
+#include <QPushButton>
 #include <QPen>
 #include <QtTest>
 
@@ -33,6 +38,8 @@ private slots:
     void deviceRefusesWritesOutsideItsRegisters();
     void pollerStreamsWhatTheDeviceHolds();
     void plotKeepsTheLastSpan();
+    void optionsDialogOkWritesCancelRestores();
+    void amplitudeFollowsPanelActionAndOptions();
 };
 
 template<typename M>
@@ -307,6 +314,63 @@ void tst_ExampleModules::plotKeepsTheLastSpan()
     // A clock that jumps back by more than the span starts the curve again.
     in.sendList(block({curve(QStringLiteral("a"), {{0.1, 9.0}})}));
     QCOMPARE(curves.value(QStringLiteral("a")).points, QVector<QPointF>({{0.1, 9.0}}));
+}
+
+void tst_ExampleModules::optionsDialogOkWritesCancelRestores()
+{
+    auto stage = makeModule<ProcessingStage>(1);
+    // The module does not own its widgets; the host window does.
+    std::unique_ptr<QWidget> dialog(stage->getWOptions(nullptr));
+    auto *options = qobject_cast<WAbstractOptions *>(dialog.get());
+    QVERIFY(options);
+    connect(options, &WAbstractOptions::changed, stage.get(), &ZtMIFound::actForOptionsChanged);
+    stage->setOptionsFromList({QStringLiteral("gain"), 2.0, QStringLiteral("offset"), 1.0});
+
+    const QList<QDoubleSpinBox *> boxes = dialog->findChildren<QDoubleSpinBox *>();
+    QCOMPARE(boxes.size(), 2);
+    QCOMPARE(boxes.at(0)->value(), 2.0);
+    QCOMPARE(boxes.at(1)->value(), 1.0);
+    auto *buttons = dialog->findChild<QDialogButtonBox *>();
+    QVERIFY(buttons);
+
+    boxes.at(0)->setValue(3.0);
+    buttons->button(QDialogButtonBox::Ok)->click();
+    QTRY_COMPARE(stage->getOption(QStringLiteral("gain")).toDouble(), 3.0);
+    QCOMPARE(stage->getOption(QStringLiteral("offset")).toDouble(), 1.0);
+
+    boxes.at(1)->setValue(9.0);
+    buttons->button(QDialogButtonBox::Cancel)->click();
+    QCOMPARE(boxes.at(1)->value(), 1.0);
+    QCoreApplication::processEvents();
+    QCOMPARE(stage->getOption(QStringLiteral("offset")).toDouble(), 1.0);
+}
+
+void tst_ExampleModules::amplitudeFollowsPanelActionAndOptions()
+{
+    auto gen = makeModule<SignalGenerator>(0);
+    std::unique_ptr<QWidget> panel(gen->getWMain(nullptr));
+    auto *action = qobject_cast<ZtAction *>(gen->getActions()->value(QStringLiteral("amplitude")));
+    QVERIFY(action);
+    auto *box = panel->findChild<QDoubleSpinBox *>();
+    QVERIFY(box);
+
+    // Panel -> value action -> module option.
+    QSignalSpy announced(gen.get(), &ZtMIFound::sendOptions);
+    box->setValue(2.5);
+    QCOMPARE(gen->getOption(QStringLiteral("amplitude")).toDouble(), 2.5);
+    QCOMPARE(action->data().toDouble(), 2.5);
+    QCOMPARE(announced.count(), 1);
+
+    // Option -> value action -> panel, without bouncing back into another announcement.
+    gen->setOptionsFromList({QStringLiteral("amplitude"), QStringLiteral("4")});
+    QTRY_COMPARE(box->value(), 4.0);
+    QCOMPARE(action->data().toDouble(), 4.0);
+    QCOMPARE(announced.count(), 2);
+
+    // Triggering the action resets the amplitude.
+    action->trigger();
+    QCOMPARE(gen->getOption(QStringLiteral("amplitude")).toDouble(), 1.0);
+    QCOMPARE(box->value(), 1.0);
 }
 
 QTEST_MAIN(tst_ExampleModules)
