@@ -308,9 +308,10 @@ int ZtKernel::unloadModules()
 {
     const QList<ComplexModule> snapshot = modules;
     for (const ComplexModule &record : snapshot) {
+        if (!record.module)
+            continue;
         QObject::disconnect(record.module, nullptr, nullptr, nullptr);
-        if (record.module)
-            record.module->deleteLater();
+        record.module->deleteLater();
     }
     return 0;
 }
