@@ -23,40 +23,23 @@ Logger::~Logger()
     delete widget;
 }
 
+// Marks of levels 1 to 6; 0 and anything out of range are shown as debug entries.
+static const char *const levelTags[] = {"(CC)", "(EE)", "(WW)", "(II)", "(MM)", "(DD)"};
+static const char *const levelLetters[] = {"C", "E", "W", "I", "M", "D"};
+
+static int levelIndex(int level)
+{
+    return (level >= Logger::Critical && level <= Logger::Debug) ? level - 1 : Logger::Debug - 1;
+}
+
 QString Logger::levelTag(int level)
 {
-    switch (level) {
-    case Critical:
-        return QStringLiteral("(CC)");
-    case Error:
-        return QStringLiteral("(EE)");
-    case Warning:
-        return QStringLiteral("(WW)");
-    case Info:
-        return QStringLiteral("(II)");
-    case Message:
-        return QStringLiteral("(MM)");
-    default:
-        return QStringLiteral("(DD)");
-    }
+    return QString::fromLatin1(levelTags[levelIndex(level)]);
 }
 
 QString Logger::levelLetter(int level)
 {
-    switch (level) {
-    case Critical:
-        return QStringLiteral("C");
-    case Error:
-        return QStringLiteral("E");
-    case Warning:
-        return QStringLiteral("W");
-    case Info:
-        return QStringLiteral("I");
-    case Message:
-        return QStringLiteral("M");
-    default:
-        return QStringLiteral("D");
-    }
+    return QString::fromLatin1(levelLetters[levelIndex(level)]);
 }
 
 void Logger::append(QString strout, Logger::Level level)
