@@ -67,19 +67,27 @@ void ZtKernel::init(QObject *parent)
 
 ZtKernel::~ZtKernel()
 {
+    // Every module is finalised before any is deleted: a module that still works until its
+    // final() (a requester polling a feedback server, say) must not find its peer gone and
+    // wait for an answer for ever. final() runs in the module's own thread.
     const QList<ComplexModule> snapshot = modules;
     for (const ComplexModule &record : snapshot) {
         ZtMIFound *module = record.module;
         if (!module)
             continue;
         QObject::disconnect(module, nullptr, nullptr, nullptr);
-        if (module->thread() != thread()) {
+        if (module->thread() != thread())
             QMetaObject::invokeMethod(module, "final", Qt::BlockingQueuedConnection);
+        else
+            module->final();
+    }
+    for (const ComplexModule &record : snapshot) {
+        ZtMIFound *module = record.module;
+        if (!module)
+            continue;
+        if (module->thread() != thread())
             QMetaObject::invokeMethod(module, "moveMeToTheMainThread",
                                       Qt::BlockingQueuedConnection);
-        } else {
-            module->final();
-        }
         delete module;
     }
     modules.clear();
