@@ -121,7 +121,9 @@ private slots:
         QMetaObject::invokeMethod(
             &probe, [&ranIn] { ranIn = QThread::currentThread(); }, Qt::BlockingQueuedConnection);
         QCOMPARE(ranIn, worker);
-        probe.moveToThread(QThread::currentThread());
+        QThread *home = QThread::currentThread();
+        QMetaObject::invokeMethod(
+            &probe, [&probe, home] { probe.moveToThread(home); }, Qt::BlockingQueuedConnection);
     }
 
     void propagatorThreadIsSeparateAndAnnounced()
@@ -143,12 +145,14 @@ private slots:
             auto *launcher = new ThreadLauncher(&owner);
             launcher->placeAt(2);
             launcher->getPpgThread();
-            QList<QThread *> threads;
+            // The module threads go with the launcher: count their ends as they happen.
+            int finished = 0;
             for (int i = 0; i < 3; ++i)
-                threads.append(launcher->threadAt(i));
+                connect(
+                    launcher->threadAt(i), &QThread::finished, this, [&finished] { ++finished; },
+                    Qt::DirectConnection);
             delete launcher;
-            for (QThread *t : threads)
-                QVERIFY(t->isFinished());
+            QCOMPARE(finished, 3);
         }
         QCOMPARE(countMessages(QStringLiteral("terminate thread")), 0);
     }
@@ -159,6 +163,10 @@ private slots:
         auto *launcher = new ThreadLauncher(&owner);
         QThread *worker = launcher->placeAt(0);
         QThread *idle = launcher->placeAt(1);
+        int finished = 0;
+        for (QThread *t : {worker, idle})
+            connect(
+                t, &QThread::finished, this, [&finished] { ++finished; }, Qt::DirectConnection);
 
         auto *sleeper = new Sleeper;
         sleeper->moveToThread(worker);
@@ -166,8 +174,7 @@ private slots:
         QTRY_VERIFY(sleeper->entered.loadAcquire());
 
         delete launcher;
-        QVERIFY(worker->isFinished());
-        QVERIFY(idle->isFinished());
+        QCOMPARE(finished, 2);
         QCOMPARE(countMessages(QStringLiteral("terminate thread")), 1);
         // The terminated thread never returned from the slot; its object is ours to delete.
         delete sleeper;
