@@ -8,8 +8,7 @@
 #include <QObject>
 #include <QThread>
 
-// A worker thread running an event loop for the length of a test. Objects handed to adopt()
-// live in that thread and are deleted after it has stopped, so no event can reach a dead object.
+// A worker thread with an event loop; adopted objects are deleted only after it has stopped.
 class TestThread
 {
 public:
@@ -20,7 +19,6 @@ public:
         thread.wait();
         qDeleteAll(owned);
     }
-
     template<typename T>
     T *adopt(T *object)
     {
@@ -29,8 +27,6 @@ public:
         return object;
     }
 
-    QThread *get() { return &thread; }
-
 private:
     QThread thread;
     QList<QObject *> owned;
@@ -38,12 +34,10 @@ private:
 
 inline ZtDataArray sampleArray()
 {
-    ZtDataArray a;
-    a.items.append(QVariant::fromValue(ZtDataY(1.5, "y")));
-    a.items.append(QVariant::fromValue(ZtDataXY(2.0, 3.25, "xy")));
-    ZtDataArray nested;
+    ZtDataArray a, nested;
     nested.items.append(QVariant::fromValue(ZtDataY(-4)));
-    a.items.append(QVariant::fromValue(nested));
+    a.items << QVariant::fromValue(ZtDataY(1.5, "y"))
+            << QVariant::fromValue(ZtDataXY(2.0, 3.25, "xy")) << QVariant::fromValue(nested);
     return a;
 }
 
@@ -52,10 +46,9 @@ inline QVariantList flatSample()
     return ZtDataWrapper::convArrayToList(sampleArray());
 }
 
-// A server module's side of a feedback propagator. Every answer is derived from its request,
-// so a requester can tell its own answer from a stale or mixed-up one; a negative list-read
-// position asks for the flattened sample array. A child of the propagator: it moves to the
-// propagator's thread and dies with it.
+// The server side of a feedback propagator: every answer is derived from its request so that a
+// requester can tell its own answer from a stale one; a negative list read asks for the sample.
+// A child of the propagator, so it follows it into its thread and dies with it.
 class Server : public QObject
 {
 public:
