@@ -9,130 +9,74 @@
 #include <QThread>
 #include <QVBoxLayout>
 
-// A module as a plug-in author would write one: it declares two options and one action, offers
-// a main and an options widget, and records the order of the calls the base class makes into
-// it and its widgets, so that tests can check what a module author relies on.
+#include <type_traits>
 
-// Shared by a module and its widgets; only touched from the GUI thread unless a test says so.
-struct CallLog
+// A module widget that records the calls the base classes make into it, in a list shared with
+// its module, and the thread of its last refresh.
+template<class Base>
+class Recorder : public Base
 {
-    QStringList calls;
-};
-
-class TestMain : public WAbstractMain
-{
-    Q_OBJECT
-
 public:
-    explicit TestMain(CallLog *log, QWidget *parent = nullptr)
-        : WAbstractMain(parent)
-        , log(log)
-    { }
+    Recorder(QStringList *calls, const QString &name, QWidget *parent = nullptr)
+        : Base(parent)
+        , calls(calls)
+        , name(name)
+    {
+        if constexpr (std::is_same_v<Base, WAbstractOptions>)
+            (new QVBoxLayout(this))->addWidget(&this->buttonBox);
+    }
 
-    int readCount = 0;
-    int writeCount = 0;
-    QThread *readThread = nullptr;
-
-public slots:
     void readOptions() override
     {
-        ++readCount;
         readThread = QThread::currentThread();
-        if (log)
-            log->calls << QStringLiteral("main.read");
+        *calls << name + QStringLiteral(".read");
     }
-    void writeOptions() override { ++writeCount; }
+    void writeOptions() override { *calls << name + QStringLiteral(".write"); }
 
-private:
-    CallLog *log;
-};
-
-class TestOptions : public WAbstractOptions
-{
-    Q_OBJECT
-
-public:
-    explicit TestOptions(CallLog *log, QWidget *parent = nullptr)
-        : WAbstractOptions(parent)
-        , log(log)
-    {
-        auto *layout = new QVBoxLayout(this);
-        layout->addWidget(&buttonBox);
-    }
-
-    int readCount = 0;
-    int writeCount = 0;
     QThread *readThread = nullptr;
 
-public slots:
-    void readOptions() override
-    {
-        ++readCount;
-        readThread = QThread::currentThread();
-        if (log)
-            log->calls << QStringLiteral("options.read");
-    }
-    void writeOptions() override
-    {
-        ++writeCount;
-        if (log)
-            log->calls << QStringLiteral("options.write");
-    }
-
 private:
-    CallLog *log;
+    QStringList *calls;
+    QString name;
 };
 
+using TestMain = Recorder<WAbstractMain>;
+using TestOptions = Recorder<WAbstractOptions>;
+
+// A module as a plug-in author writes one: two options with values, one without, one action.
 class TestModule : public ZtMIFound
 {
     Q_OBJECT
 
 public:
-    explicit TestModule(int id, QObject *parent = nullptr)
-        : ZtMIFound(id, parent)
+    explicit TestModule(int id)
+        : ZtMIFound(id)
     { }
-    TestModule(const TestModule &other, QObject *parent = nullptr)
-        : ZtMIFound(other, parent)
+    TestModule(const TestModule &other)
+        : ZtMIFound(other)
     { }
 
     QWidget *getWMain(QWidget *parent) override
     {
-        auto *widget = new TestMain(log, parent);
-        wMain = widget;
-        return widget;
+        return wMain = main = new TestMain(&calls, QStringLiteral("main"), parent);
     }
     QWidget *getWOptions(QWidget *parent) override
     {
-        auto *widget = new TestOptions(log, parent);
-        wOptions = widget;
-        return widget;
+        return wOptions = new TestOptions(&calls, QStringLiteral("options"), parent);
     }
+    void applyOptions() override { calls << QStringLiteral("apply"); }
 
     void setError(const QString &text) { errString = text; }
 
-    CallLog *log = nullptr;
-    int applyCount = 0;
-
-public slots:
-    void applyOptions() override
-    {
-        ++applyCount;
-        if (log)
-            log->calls << QStringLiteral("apply");
-    }
+    QStringList calls;
+    TestMain *main = nullptr;
 
 protected:
     void initOptions() override
     {
         options.insert(QStringLiteral("gain"), 1);
         options.insert(QStringLiteral("mode"), QStringLiteral("fast"));
-        // Declared without a value: received option sets never fill it in.
         options.insert(QStringLiteral("blank"), QVariant());
     }
-    void createActions() override
-    {
-        auto *action = new ZtAction(this);
-        action->setObjectName(QStringLiteral("run"));
-        actions.insert(QStringLiteral("run"), action);
-    }
+    void createActions() override { actions.insert(QStringLiteral("run"), new ZtAction(this)); }
 };

@@ -1,71 +1,117 @@
 #include "testmodule.h"
 
 #include <wabstractoptions.h>
+#include <ztaction.h>
 
 #include <QDialogButtonBox>
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QTest>
 
-// The options widget commits or discards the user's edits through its button box; the module
-// base and the host window rely on what happens, and in which order, on Ok and on Cancel.
+#include <limits>
+
+namespace {
+const double notANumber = std::numeric_limits<double>::quiet_NaN();
+} // namespace
 
 class tst_Widgets : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void buttonBoxShape();
     void buttons_data();
     void buttons();
+    void setValue_data();
+    void setValue();
 };
 
-void tst_Widgets::buttonBoxShape()
-{
-    TestOptions widget(nullptr);
-    auto *box = widget.findChild<QDialogButtonBox *>(QStringLiteral("buttonBox"));
-    QVERIFY(box);
-    QCOMPARE(int(box->standardButtons()), 0x400400);
-}
-
+// Ok commits the user's edits and announces them; Cancel reloads the module's values.
 void tst_Widgets::buttons_data()
 {
     QTest::addColumn<int>("button");
     QTest::addColumn<QStringList>("calls");
-    QTest::addColumn<int>("changed");
-    QTest::addColumn<int>("reads");
 
-    QTest::newRow("Ok") << int(QDialogButtonBox::Ok) << QStringList {"options.write", "changed"}
-                        << 1 << 0;
-    QTest::newRow("Cancel") << int(QDialogButtonBox::Cancel) << QStringList {"options.read"} << 0
-                            << 1;
+    QTest::newRow("Ok") << int(QDialogButtonBox::Ok) << QStringList {"options.write", "changed"};
+    QTest::newRow("Cancel") << int(QDialogButtonBox::Cancel) << QStringList {"options.read"};
 }
 
 void tst_Widgets::buttons()
 {
     QFETCH(int, button);
     QFETCH(QStringList, calls);
-    QFETCH(int, changed);
-    QFETCH(int, reads);
 
-    CallLog log;
-    TestOptions widget(&log);
-    QSignalSpy changedSpy(&widget, &WAbstractOptions::changed);
-    connect(&widget, &WAbstractOptions::changed,
-            [&log] { log.calls << QStringLiteral("changed"); });
+    QStringList log;
+    TestOptions widget(&log, QStringLiteral("options"));
+    connect(&widget, &WAbstractOptions::changed, [&log] { log << QStringLiteral("changed"); });
     widget.show();
     QVERIFY(QTest::qWaitForWindowExposed(&widget));
 
     auto *box = widget.findChild<QDialogButtonBox *>(QStringLiteral("buttonBox"));
     QVERIFY(box);
-    QPushButton *pushButton = box->button(QDialogButtonBox::StandardButton(button));
-    QVERIFY(pushButton);
-    QTest::mouseClick(pushButton, Qt::LeftButton);
+    QCOMPARE(int(box->standardButtons()), 0x400400);
+    QTest::mouseClick(box->button(QDialogButtonBox::StandardButton(button)), Qt::LeftButton);
 
-    QCOMPARE(log.calls, calls);
-    QCOMPARE(changedSpy.count(), changed);
-    QCOMPARE(widget.readCount, reads);
-    QCOMPARE(widget.writeCount, 1 - reads);
+    QCOMPARE(log, calls);
+}
+
+// Each setter emits only its own overload of valueChanged, and only on a real change, so that a
+// menu, a tool bar and a module observing one value never feed back into each other.
+void tst_Widgets::setValue_data()
+{
+    QTest::addColumn<QVariant>("initial");
+    QTest::addColumn<QString>("setter");
+    QTest::addColumn<QVariant>("value");
+    QTest::addColumn<bool>("emits");
+
+    QTest::newRow("int same") << QVariant(5) << "int" << QVariant(5) << false;
+    QTest::newRow("int different") << QVariant(5) << "int" << QVariant(6) << true;
+    QTest::newRow("int 0 on empty data") << QVariant() << "int" << QVariant(0) << false;
+    QTest::newRow("int 0 on non-number") << QVariant("abc") << "int" << QVariant(0) << false;
+    QTest::newRow("int on double data") << QVariant(2.2) << "int" << QVariant(2) << false;
+    QTest::newRow("double 2.5 on int 2") << QVariant(2) << "double" << QVariant(2.5) << true;
+    QTest::newRow("double 2.0 on int 2") << QVariant(2) << "double" << QVariant(2.0) << false;
+    QTest::newRow("double 0 on empty data") << QVariant() << "double" << QVariant(0.0) << false;
+    QTest::newRow("double NaN on NaN")
+        << QVariant(notANumber) << "double" << QVariant(notANumber) << true;
+    QTest::newRow("double NaN on 1") << QVariant(1.0) << "double" << QVariant(notANumber) << true;
+    QTest::newRow("double 1 on NaN") << QVariant(notANumber) << "double" << QVariant(1.0) << true;
+    QTest::newRow("variant same") << QVariant("on") << "variant" << QVariant("on") << false;
+    QTest::newRow("variant different") << QVariant("on") << "variant" << QVariant("off") << true;
+    QTest::newRow("variant onto empty") << QVariant() << "variant" << QVariant(0) << true;
+    QTest::newRow("variant empty on empty") << QVariant() << "variant" << QVariant() << false;
+}
+
+void tst_Widgets::setValue()
+{
+    QFETCH(QVariant, initial);
+    QFETCH(QString, setter);
+    QFETCH(QVariant, value);
+    QFETCH(bool, emits);
+
+    ZtAction action;
+    action.setData(initial);
+    QSignalSpy asInt(&action, QOverload<int>::of(&ZtAction::valueChanged));
+    QSignalSpy asDouble(&action, QOverload<double>::of(&ZtAction::valueChanged));
+    QSignalSpy asVariant(&action, QOverload<QVariant>::of(&ZtAction::valueChanged));
+    QSignalSpy *own = &asVariant;
+    if (setter == QLatin1String("int")) {
+        own = &asInt;
+        action.setValue(value.toInt());
+    } else if (setter == QLatin1String("double")) {
+        own = &asDouble;
+        action.setValue(value.toDouble());
+    } else {
+        action.setValue(value);
+    }
+
+    QCOMPARE(own->count(), emits ? 1 : 0);
+    QCOMPARE(asInt.count() + asDouble.count() + asVariant.count(), own->count());
+    if (emits) {
+        // Compared as text so that a stored NaN matches.
+        QCOMPARE(own->first().at(0).toString(), value.toString());
+        QCOMPARE(action.data().toString(), value.toString());
+        QCOMPARE(action.data().userType(), value.userType());
+    }
 }
 
 QTEST_MAIN(tst_Widgets)
