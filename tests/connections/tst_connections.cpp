@@ -47,11 +47,11 @@ public slots:
 class Rig
 {
 public:
-    Rig(const QString &spec, const QStringList &entries, const QString &extra = QString())
+    Rig(const QString &moduleList, const QStringList &entries, const QString &extra = QString())
     {
         QString text = QStringLiteral("[mainwindow]\nloggerlevel=6\nloggerfile=%1\n[modules]\n")
                            .arg(dir.filePath(QStringLiteral("zt.log")));
-        const QStringList modules = spec.split(QLatin1Char(' '));
+        const QStringList modules = moduleList.split(QLatin1Char(' '));
         const QString settings = dir.filePath(QStringLiteral("system.ini"));
         for (int i = 0; i < modules.size(); ++i) {
             const QStringList parts = modules.at(i).split(QLatin1Char(':'));
