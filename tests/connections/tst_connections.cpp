@@ -1,5 +1,7 @@
 // End-to-end tests of the connection entries: real module libraries loaded by the kernel from a
 // settings file, real worker threads, data counted and ordered at the receiving module.
+#include "debuglines.h"
+
 #include <propagator.h>
 #include <threadlauncher.h>
 #include <ztkernel.h>
@@ -14,22 +16,9 @@
 
 namespace {
 
-QMutex linesMutex;
-QStringList lines;
-QtMessageHandler previousHandler = nullptr;
-
-void collect(QtMsgType type, const QMessageLogContext &context, const QString &text)
-{
-    if (type != QtDebugMsg)
-        return previousHandler(type, context, text);
-    QMutexLocker guard(&linesMutex);
-    lines.append(text);
-}
-
 QStringList debugLines()
 {
-    QMutexLocker guard(&linesMutex);
-    return lines;
+    return DebugLines::all();
 }
 
 // The parent object of the kernel: the kernel's final quit() lands here.
@@ -70,8 +59,7 @@ public:
             QFile file(settings);
             file.open(QIODevice::WriteOnly);
             file.write(text.toUtf8());
-            QMutexLocker guard(&linesMutex);
-            lines.clear();
+            DebugLines::clear();
         }
         kernel = new ZtKernel(&probe);
         kernel->setOptionsFileName(settings);
@@ -145,7 +133,7 @@ class tst_Connections : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase() { previousHandler = qInstallMessageHandler(collect); }
+    void initTestCase() { DebugLines::install(); }
 
     void streamBranches_data();
     void streamBranches();

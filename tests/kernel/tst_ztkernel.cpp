@@ -1,3 +1,5 @@
+#include "debuglines.h"
+
 #include <kernelprobe.h>
 #include <loggerwidget.h>
 #include <threadlauncher.h>
@@ -31,23 +33,9 @@ namespace {
 
 const QString moduleDir = QStringLiteral(ZT_MODULE_DIR);
 
-// Debug lines from any thread; other messages go on to the previous handler.
-QMutex linesMutex;
-QStringList caughtLines;
-QtMessageHandler previousHandler = nullptr;
-
-void collect(QtMsgType type, const QMessageLogContext &context, const QString &text)
-{
-    if (type != QtDebugMsg)
-        return previousHandler(type, context, text);
-    QMutexLocker lock(&linesMutex);
-    caughtLines.append(text);
-}
-
 QStringList lines()
 {
-    QMutexLocker lock(&linesMutex);
-    return caughtLines;
+    return DebugLines::all();
 }
 
 QString fixture(const QString &name)
@@ -144,7 +132,7 @@ class tst_ZtKernel : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase() { previousHandler = qInstallMessageHandler(collect); }
+    void initTestCase() { DebugLines::install(); }
     void init();
 
     void loading();
@@ -164,8 +152,7 @@ private slots:
 void tst_ZtKernel::init()
 {
     KernelProbe::clear();
-    QMutexLocker lock(&linesMutex);
-    caughtLines.clear();
+    DebugLines::clear();
 }
 
 void tst_ZtKernel::loading()

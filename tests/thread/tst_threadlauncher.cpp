@@ -1,3 +1,5 @@
+#include "debuglines.h"
+
 #include <threadlauncher.h>
 #include <threadloop.h>
 
@@ -12,25 +14,9 @@
 
 namespace {
 
-// Collects debug lines, from any thread, to see what the launcher reports at shutdown.
-QMutex messagesMutex;
-QStringList messages;
-QtMessageHandler previousHandler = nullptr;
-
-void collectMessages(QtMsgType type, const QMessageLogContext &context, const QString &text)
-{
-    {
-        QMutexLocker locker(&messagesMutex);
-        messages.append(text);
-    }
-    if (previousHandler)
-        previousHandler(type, context, text);
-}
-
 int terminations()
 {
-    QMutexLocker locker(&messagesMutex);
-    return messages.filter(QStringLiteral("terminate thread")).size();
+    return DebugLines::all().filter(QStringLiteral("terminate thread")).size();
 }
 
 } // namespace
@@ -40,12 +26,8 @@ class tst_ThreadLauncher : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase() { previousHandler = qInstallMessageHandler(collectMessages); }
-    void init()
-    {
-        QMutexLocker locker(&messagesMutex);
-        messages.clear();
-    }
+    void initTestCase() { DebugLines::install(); }
+    void init() { DebugLines::clear(); }
 
     void placeAtAndThreadAt()
     {
