@@ -91,6 +91,11 @@ private slots:
 
     void stuckThreadIsTerminatedAndWaitedFor()
     {
+#if defined(__SANITIZE_ADDRESS__)
+        // Termination unwinds the thread with pthread_cancel; the address sanitizer loses track
+        // of the unwinding stack and aborts at random. The normal build runs this case.
+        QSKIP("thread termination is not supported under the address sanitizer");
+#endif
         QObject owner;
         auto *launcher = new ThreadLauncher(&owner);
         QThread *worker = launcher->placeAt(0);
