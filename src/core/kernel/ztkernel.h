@@ -5,6 +5,7 @@
 #include <QByteArray>
 #include <QList>
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <QVariant>
@@ -34,13 +35,16 @@ struct ZTCORE_EXPORT ComplexModule
 // The module host. A host application creates one kernel and drives it in this order:
 // setOptionsFileName (or setSysSettings), loadTranslations, loadModules, makeConnections, the
 // window element builders (getWMains, getWOptions, getMenus, getToolBars), initModules; at the
-// end it destroys the kernel (or calls unloadModules, never both for one set of modules).
+// end it calls unloadModules, destroys the kernel, or both.
 //
 // Lives on the GUI thread and takes no locks. Owns its settings (when it created them), its
 // logger (until re-parented to the widget parent), the module objects, and every propagator and
 // options synchroniser it creates. The thread launcher is a child of the parent object, not of
 // the kernel, and outlives it. Failures are reported through the log and debug lines, never
 // thrown; host-facing operations return 0.
+//
+// The wiring of makeConnections and the window elements are kept in internal classes
+// (KernelWiring, KernelWindow); this class holds the life cycle and the state they work on.
 class ZTCORE_EXPORT ZtKernel : public QObject
 {
     Q_OBJECT
@@ -48,6 +52,9 @@ class ZTCORE_EXPORT ZtKernel : public QObject
 public:
     explicit ZtKernel(QObject *parent);
     ZtKernel(QWidget *widgetParent, QObject *parent);
+    // Finalises and deletes every module that unloadModules has not retired yet: final() in the
+    // module's own thread, a worker-thread module moved back to the GUI thread, then deleted.
+    // All modules are finalised before the first is deleted.
     ~ZtKernel() override;
 
     void init(QObject *parent);
@@ -60,10 +67,20 @@ public:
     int loadModules(QString dir);
     void makeConnections();
     bool connMod2Mod(QStringList fields);
+    // Posts applyOptions to every module, then makes each module announce its options from its
+    // own thread, so that a worker module's table is read only where it is written.
     int initModules();
+    // Retires every loaded module: disconnects it, calls final() (in its own thread, blocking;
+    // directly for a GUI-thread module, as the destructor does), brings a worker-thread module
+    // back to the GUI thread, and schedules its deletion there, so that its actions and widgets
+    // die on the GUI thread. The records are left as they are; their module pointers dangle
+    // once the deferred deletions ran. Retired modules are never touched again: calling this
+    // twice, or destroying the kernel afterwards, is safe.
     int unloadModules();
     int loadTranslations(QString locale, QString dir);
 
+    // One pointer per record (null for an empty one). Each table belongs to its module's thread:
+    // read or change it there while the module runs.
     QList<QHash<QString, QVariant> *> getModulesOptions();
     void getModulesInfo(QList<QString> &info) const;
 
@@ -71,6 +88,8 @@ public:
     QList<QWidget *> getWOptions();
     QList<QMenu *> getMenus();
     QList<QToolBar *> getToolBars();
+    // Asks every module to refresh its widgets. A worker-thread module is asked in its own
+    // thread (queued); it then posts the refresh to its widgets in the GUI thread.
     void updateWidgets();
 
     ComplexModule getModule(int index) const;
@@ -92,22 +111,12 @@ private slots:
     void quit();
 
 private:
+    friend class KernelWiring;
+    friend class KernelWindow;
+
     ZtMIFound *moduleAt(int index) const;
     void log(const QString &text, int level);
-    void addModuleActions(QWidget *container, const QString &key, const QStringList &entries,
-                          bool rangeCheck, const QString &missingAction);
-    void makeOptionsSync(const QStringList &fields);
-    void makeLoggerLink(const QStringList &fields);
-    void makeActionLink(const QStringList &fields);
-    bool connStreamToStream(const QStringList &fields, int a, int b);
-    bool connStreamToExtended(const QStringList &fields, int a, int b);
-    bool connExtendedToStream(const QStringList &fields, int a, int b);
-    bool connExtendedToExtended(const QStringList &fields, int a, int b);
-    bool connFeedback(const QStringList &fields, int a, int b);
-    bool plugInto(int id, const QString &name, Propagator *pg, bool feedback);
-    bool unknownIdentifier(const QString &field);
-    Propagator *targetStream(int b, const QString &name);
-    void keep(Propagator *pg);
+    void finalise(const QList<ZtMIFound *> &live);
 
     QObject *parentObject;
     QWidget *widgetParent;
@@ -119,4 +128,6 @@ private:
     QList<OptiSync *> optiSyncs;
     int quitAllowed;
     int quitRequests;
+    // Modules that unloadModules finalised and handed to deleteLater.
+    QSet<const ZtMIFound *> m_retired;
 };

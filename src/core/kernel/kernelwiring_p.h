@@ -1,0 +1,40 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+class Propagator;
+class ZtKernel;
+class ZtMIFound;
+
+// Wires a kernel's loaded modules from the connection entries of its settings: plain
+// signal/slot links, options synchronisers, propagators between modules and action links. The
+// kernel creates one per call; what it makes goes into the kernel's lists, which own it. GUI
+// thread only, after the modules were moved to their threads: the choice between direct and
+// concurrent propagators rests on the threads at that moment.
+class KernelWiring
+{
+public:
+    explicit KernelWiring(ZtKernel *kernel);
+
+    void makeConnections();
+    bool connMod2Mod(const QStringList &fields);
+
+private:
+    void makeOptionsSync(const QStringList &fields);
+    void makeLoggerLink(const QStringList &fields);
+    void makeActionLink(const QStringList &fields);
+    bool connStreamToStream(const QStringList &fields, int a, int b);
+    bool connStreamToExtended(const QStringList &fields, int a, int b);
+    bool connExtendedToStream(const QStringList &fields, int a, int b);
+    bool connExtendedToExtended(const QStringList &fields, int a, int b);
+    bool connFeedback(const QStringList &fields, int a, int b);
+    Propagator *concurrentBehind(int a, Propagator *pgfrom, const char *unknownType);
+    bool plugInto(int id, const QString &name, Propagator *pg, bool feedback);
+    bool unknownIdentifier(const QString &field);
+    Propagator *targetStream(int b, const QString &name);
+    void keep(Propagator *pg);
+    ZtMIFound *moduleAt(int index) const;
+
+    ZtKernel *kernel;
+};
