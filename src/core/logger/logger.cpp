@@ -1,9 +1,18 @@
 #include "logger.h"
 
 #include "loggerwidget.h"
-#include "ztmifound.h"
 
 #include <QDateTime>
+#include <QThread>
+
+// Installed by the module layer from a static initialiser; constant-initialised, so it is null
+// and never garbage before that runs.
+static Logger::SourceNamer sourceNamer = nullptr;
+
+void Logger::setSourceNamer(SourceNamer namer)
+{
+    sourceNamer = namer;
+}
 
 Logger::Logger(QObject *parent)
     : QObject(parent)
@@ -52,18 +61,41 @@ void Logger::append(QString strout)
     timedAppend(strout, Message);
 }
 
+void Logger::registerSource(const QObject *source, const QString &alias)
+{
+    if (!source)
+        return;
+    registered.insert(source, Registered {source, alias});
+    // Delivered on this thread after the object is gone, maybe after a newer object at the same
+    // address was registered: drop only an entry whose own object died.
+    connect(source, &QObject::destroyed, this, [this, source] {
+        auto it = registered.find(source);
+        if (it != registered.end() && it->guard.isNull())
+            registered.erase(it);
+    });
+}
+
 // The module whose signal is being delivered: its alias, or "id_N (ObjectName)"; "null" for a
-// direct call or a sender that is not a module.
+// direct call or a sender that is not a module. See the class comment for where the alias of a
+// module on another thread comes from.
 QString Logger::sourceName() const
 {
-    auto *module = qobject_cast<ZtMIFound *>(sender());
-    if (!module)
+    QObject *source = sender();
+    if (!source || !sourceNamer)
         return QStringLiteral("null");
-    const QString alias = module->getOptions()->value(QStringLiteral(".alias")).toString();
-    if (!alias.isEmpty())
-        return alias;
-    return QStringLiteral("id_") + QString::number(module->getId()) + QStringLiteral(" (")
-        + module->objectName() + QStringLiteral(")");
+    const bool ownThread = source->thread() == QThread::currentThread();
+    SourceInfo info;
+    if (!sourceNamer(source, ownThread, &info))
+        return QStringLiteral("null");
+    if (!ownThread) {
+        const auto it = registered.constFind(source);
+        if (it != registered.constEnd() && !it->guard.isNull())
+            info.alias = it->alias;
+    }
+    if (!info.alias.isEmpty())
+        return info.alias;
+    return QStringLiteral("id_") + QString::number(info.id) + QStringLiteral(" (") + info.objectName
+        + QStringLiteral(")");
 }
 
 void Logger::timedAppend(QString strout, Logger::Level level)

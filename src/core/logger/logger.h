@@ -3,6 +3,7 @@
 #include "ztcore_export.h"
 
 #include <QFile>
+#include <QHash>
 #include <QObject>
 #include <QPointer>
 #include <QString>
@@ -14,6 +15,19 @@ class QWidget;
 // offered to the view through print() whatever its level, and written to the log file when its
 // level passes the write filter. Lives on the GUI thread; modules on worker threads reach
 // append() through queued connections. Owns its view.
+//
+// The logger sits below the module layer and knows nothing of modules: the module layer installs
+// a SourceNamer when the library is loaded, which tells whether a sender is a module and gives
+// its identifier, object name and, when asked, its ".alias" option.
+//
+// Naming the sender of an entry: "null" unless the sender is a module. A module that lives in
+// the logger's own thread is named by its ".alias" option, read when the entry arrives. A module
+// on another thread owns its option table there, so the logger does not read it; it uses instead
+// the alias recorded for it with registerSource() when the kernel loaded it. An alias the module
+// writes into its own options later does not change the name in the log, on purpose: reading it
+// from here would race with the module's thread. Without an alias the module is named
+// "id_N (ObjectName)"; identifier and object name are fixed before a module leaves the GUI
+// thread, so they are safe to read from anywhere.
 class ZTCORE_EXPORT Logger : public QObject
 {
     Q_OBJECT
@@ -45,6 +59,21 @@ public:
     static QString levelTag(int level);
     static QString levelLetter(int level);
 
+    // Records the alias under which a module on another thread is logged. Call it on the
+    // logger's thread; the record is dropped when source is destroyed.
+    void registerSource(const QObject *source, const QString &alias);
+
+    struct SourceInfo
+    {
+        int id = 0;
+        QString objectName;
+        QString alias;
+    };
+    // Fills info and returns true when sender is a module; reads the module's ".alias" only
+    // when readAlias is set, which the logger does for senders in its own thread.
+    using SourceNamer = bool (*)(QObject *sender, bool readAlias, SourceInfo *info);
+    static void setSourceNamer(SourceNamer namer);
+
 signals:
     void print(QString text, QString type);
 
@@ -61,4 +90,14 @@ private:
     QPointer<LoggerWidget> widget;
     int maximumBlockCount;
     Level levelWrite;
+
+    // Aliases recorded by registerSource(), by object address. The guard tells a live entry from
+    // one whose object is gone, also when a new object took over the address before the entry
+    // was dropped.
+    struct Registered
+    {
+        QPointer<const QObject> guard;
+        QString alias;
+    };
+    QHash<const QObject *, Registered> registered;
 };

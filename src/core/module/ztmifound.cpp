@@ -8,6 +8,23 @@
 #include <QDebug>
 #include <QThread>
 
+// Tells the logger which senders are modules and how to name them. The logger includes nothing
+// of this layer, so the module layer hands it this function when the library is loaded.
+static bool describeSource(QObject *sender, bool readAlias, Logger::SourceInfo *info)
+{
+    auto *module = qobject_cast<ZtMIFound *>(sender);
+    if (!module)
+        return false;
+    info->id = module->getId();
+    info->objectName = module->objectName();
+    if (readAlias)
+        info->alias = module->getOptions()->value(QStringLiteral(".alias")).toString();
+    return true;
+}
+
+[[maybe_unused]] static const bool sourceNamerInstalled
+    = (Logger::setSourceNamer(&describeSource), true);
+
 ZtMIFound::ZtMIFound(int id, QObject *parent)
     : QObject(parent)
     , id(id)
