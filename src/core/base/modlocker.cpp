@@ -1,6 +1,6 @@
 #include "modlocker.h"
 
-ModLocker::ModLocker(ZtMIFound *owner)
+ModLocker::ModLocker(QObject *owner)
     : owner(owner)
 { }
 
@@ -23,7 +23,7 @@ bool ModLocker::tryLock()
     return mutex.tryLock();
 }
 
-ZtMIFound *ModLocker::getOwner() const
+QObject *ModLocker::getOwner() const
 {
     return owner;
 }

@@ -1,9 +1,10 @@
 #include "propagatorstreamconcurrent.h"
 
 #include "modlocker.h"
-#include "ztmifound.h"
 
 #include <QMutexLocker>
+#include <QObject>
+#include <QVariant>
 
 namespace {
 
@@ -19,10 +20,11 @@ void unlockAll(const QList<ModLocker *> &lockers)
         locker->unlock();
 }
 
+// Extended modules carry 1 in their "mt" property.
 bool ownedByExtended(const ModLocker *locker)
 {
-    const ZtMIFound *owner = locker->getOwner();
-    return owner && owner->getModType() == ZtMIFound::ModExtended;
+    const QObject *owner = locker->getOwner();
+    return owner && owner->property("mt").toInt() == 1;
 }
 
 void lockExtended(const QList<ModLocker *> &lockers)
