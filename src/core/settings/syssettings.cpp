@@ -1,5 +1,11 @@
 #include "syssettings.h"
 
+#include "settingsfilecheck_p.h"
+
+#include <QDebug>
+#include <QDir>
+#include <QTemporaryFile>
+
 #include <algorithm>
 
 namespace {
@@ -13,13 +19,59 @@ QString moduleGroup(int id)
 
 } // namespace
 
+// What the base is opened on: the file itself, or a cleaned copy when the file holds values
+// that must not be decoded. The base reads the file in its constructor, hence the check first.
+struct SysSettings::Source
+{
+    QString fileName;
+    QString readPath;
+    QTemporaryFile *copy = nullptr;
+    QList<SettingsFinding> damaged;
+
+    static Source open(const QString &fileName)
+    {
+        Source source {fileName, fileName, nullptr, {}};
+        const SettingsFileCheck check = SettingsFileCheck::scanFile(fileName);
+        if (check.isClean())
+            return source;
+        source.damaged = check.findings;
+        auto *copy
+            = new QTemporaryFile(QDir::tempPath() + QStringLiteral("/ztsettings-XXXXXX.ini"));
+        if (copy->open() && copy->write(check.cleanText) == check.cleanText.size()
+            && copy->flush()) {
+            source.readPath = copy->fileName();
+            copy->close(); // the file stays until the object is deleted
+            source.copy = copy;
+        } else {
+            // Nothing of the file can be read safely without the copy.
+            delete copy;
+            source.readPath.clear();
+            source.damaged.append({fileName, 0, QString(),
+                                   QStringLiteral("no cleaned copy could be written; the "
+                                                  "whole file is ignored")});
+        }
+        return source;
+    }
+};
+
 SysSettings::SysSettings(const QString &fileName, QObject *parent)
-    : QSettings(fileName, QSettings::IniFormat, parent)
+    : SysSettings(Source::open(fileName), parent)
+{ }
+
+SysSettings::SysSettings(Source source, QObject *parent)
+    : QSettings(source.readPath, QSettings::IniFormat, parent)
     , keyFilter(QStringLiteral("^(?!#|//|;)"))
     , listSeparator(QLatin1Char(';'))
     , itemSeparator(QLatin1Char(','))
+    , m_fileName(source.fileName)
+    , m_damagedValues(source.damaged)
 {
     setIniCodec("UTF-8");
+    // The copy is removed with this object, after the base has synced on destruction.
+    if (source.copy)
+        source.copy->setParent(this);
+    for (const SettingsFinding &finding : qAsConst(m_damagedValues))
+        qWarning().noquote() << finding.message();
 
     beginGroup(QStringLiteral("aliases"));
     const QStringList keys = childKeys();
@@ -38,6 +90,16 @@ SysSettings::SysSettings(const QString &fileName, QObject *parent)
         aliases.insert(id, alias);
     }
     endGroup();
+}
+
+QString SysSettings::fileName() const
+{
+    return m_fileName;
+}
+
+QList<SettingsFinding> SysSettings::damagedValues() const
+{
+    return m_damagedValues;
 }
 
 QStringList SysSettings::childGroups() const

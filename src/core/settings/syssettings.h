@@ -1,9 +1,11 @@
 #pragma once
 
+#include "settingsfinding.h"
 #include "ztcore_export.h"
 
 #include <QChar>
 #include <QHash>
+#include <QList>
 #include <QMap>
 #include <QRegExp>
 #include <QSettings>
@@ -20,6 +22,11 @@
 // Every walk over names skips those that begin with "#", "//" or ";", so that a user can comment
 // out a key or group by prefixing it. A value asked for by its exact key is not filtered.
 //
+// A value that QSettings could not decode without risk (a damaged @Variant(...), see
+// SettingsFileCheck) reads as absent: the object then reads a cleaned copy of the file, which
+// lives as long as the object does, and damagedValues() says what was left out and where, for the
+// owner to report. Everything else in the file reads as usual.
+//
 // Every read opens its groups and closes exactly as many before returning; only the
 // beginGroupModule* helpers leave one group open for the caller. Lives on the thread that
 // created it (the GUI thread) and takes no locks: the open-group state is per object.
@@ -29,6 +36,12 @@ class ZTCORE_EXPORT SysSettings : public QSettings
 
 public:
     explicit SysSettings(const QString &fileName, QObject *parent = nullptr);
+
+    // The file given to the constructor, also when the base reads a cleaned copy of it. Hides
+    // the base's (non-virtual) operation of the same name.
+    QString fileName() const;
+    // Values of the file that were refused and read as absent; empty for a sound file.
+    QList<SettingsFinding> damagedValues() const;
 
     // The base's name lists with commented-out names removed. These hide the base's
     // (non-virtual) operations of the same names.
@@ -93,6 +106,9 @@ public:
                                    QString aliasPrefix);
 
 private:
+    struct Source;
+    SysSettings(Source source, QObject *parent);
+
     // An unquoted ',' in an INI value makes the base return a string list, whose toString() is
     // empty; this gives back the text as written (parts joined by ',', blanks around the commas
     // lost). Every read of a value as text goes through it.
@@ -107,4 +123,6 @@ private:
     QRegExp keyFilter;
     QChar listSeparator;
     QChar itemSeparator;
+    QString m_fileName;
+    QList<SettingsFinding> m_damagedValues;
 };

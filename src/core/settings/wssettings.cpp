@@ -1,7 +1,10 @@
 #include "wssettings.h"
 
+#include "settingsfilecheck_p.h"
 #include "ztmifound.h"
 
+#include <QDebug>
+#include <QSaveFile>
 #include <QWidget>
 
 namespace {
@@ -35,12 +38,37 @@ WSSettings::WSSettings(QObject *parent)
     : QSettings(parent)
 {
     setIniCodec("UTF-8");
+    dropDamagedValues();
 }
 
 WSSettings::WSSettings(const QString &fileName, QObject *parent)
     : QSettings(fileName, QSettings::IniFormat, parent)
 {
     setIniCodec("UTF-8");
+    dropDamagedValues();
+}
+
+void WSSettings::dropDamagedValues()
+{
+    // The base has only split the file into sections so far; values are decoded at the first
+    // read. Rewriting the file and syncing makes it read the file again before that.
+    const QString file = QSettings::fileName();
+    if (file.isEmpty())
+        return;
+    const SettingsFileCheck check = SettingsFileCheck::scanFile(file);
+    if (check.isClean())
+        return;
+    for (const SettingsFinding &finding : check.findings)
+        qWarning().noquote() << finding.message();
+    // One more line break, so that the size differs and sync() cannot take the file for
+    // unchanged. The next save writes the file afresh anyway.
+    QSaveFile out(file);
+    const QByteArray text = check.cleanText + '\n';
+    if (out.open(QIODevice::WriteOnly) && out.write(text) == text.size() && out.commit())
+        sync();
+    else
+        qWarning().noquote() << QStringLiteral("Cannot rewrite %1 without its damaged values: %2")
+                                    .arg(file, out.errorString());
 }
 
 QByteArray WSSettings::readMWGeometry()

@@ -22,6 +22,10 @@ class QWidget;
 // file and are never written back. Values are read back as the base gives them (mostly strings
 // for an INI file); converting them is the module's business.
 //
+// A value that QSettings could not decode without risk (a damaged @Variant(...), see
+// SettingsFileCheck) is dropped from the file when the object is created, with a warning that
+// names the file and line; it then reads as absent, as if it had never been saved.
+//
 // GUI thread only, no locks: the caller must not let a worker-thread module change its options
 // table while it is read or saved here.
 class ZTCORE_EXPORT WSSettings : public QSettings
@@ -56,6 +60,7 @@ public:
     bool saveAllModulesSetting(QList<ModuleOptions *> list);
 
 private:
+    void dropDamagedValues();
     QByteArray readBytes(const QString &key);
     void saveBytes(const QString &key, const QByteArray &bytes);
     // Both expect "modules" to be open and leave it open.
