@@ -1,16 +1,14 @@
-#include <modbusregsarray.h>
-#include <standardsensor.h>
 #include <ztdataarray.h>
 #include <ztdataconverter.h>
 #include <ztdatawrapper.h>
 
 #include <QByteArrayList>
 #include <QProcess>
-#include <QRandomGenerator>
 #include <QtTest>
 
 #include <algorithm>
 #include <functional>
+#include <limits>
 
 namespace {
 const QDateTime stamp(QDate(2023, 1, 2), QTime(3, 4, 5), Qt::UTC);
@@ -75,91 +73,6 @@ public:
     int type() const override { return 7; }
 };
 
-// Builds arrays of the class that reads back equal; rules numbered as with ZtDataWrapper.
-class ArrayGenerator
-{
-public:
-    explicit ArrayGenerator(quint32 seed)
-        : rng(seed)
-    { }
-
-    ZtDataArray array(int depth)
-    {
-        ZtDataArray result;
-        bool attributeWritten = false; // the writer's terminator rule, per nesting level
-        bool openForStyle = false; // rule 4
-        bool mustNest = false; // rule 3
-        const int count = int(rng.bounded(0, 9));
-        for (int i = 0; i < count && !(mustNest && depth == 3); ++i) {
-            // 0-1 value, 2-3 point, 4 nested array; a non-array item only carries attributes.
-            const int kind = mustNest ? 4 : int(rng.bounded(0, depth < 3 ? 5 : 4));
-            ZtDataArray item = kind == 4 ? array(depth + 1) : ZtDataArray();
-            attributes(item, kind == 4);
-            const bool hasAttribute
-                = item.isNameSet() || item.isPenSet() || item.isStyleSet() || item.isTimestampSet();
-            const bool terminated = kind < 2 && !hasAttribute && !attributeWritten;
-            QVariant first = value();
-            if (openForStyle && !terminated && first.userType() == QMetaType::Int)
-                first = first.toInt() + 0.25;
-            if (kind == 4)
-                result.items << nested(item);
-            else if (kind >= 2)
-                result.items << xy(first, value(), item.getName(), item.getPen(), item.getStyle(),
-                                   item.getTimestamp());
-            else
-                result.items << y(first, item.getName(), item.getPen(), item.getStyle(),
-                                  item.getTimestamp());
-            attributeWritten = attributeWritten || hasAttribute;
-            openForStyle = (kind == 4 || item.isNameSet() || item.isPenSet()) && !item.isStyleSet()
-                && !item.isTimestampSet();
-            mustNest = kind < 2 && !hasAttribute && attributeWritten;
-        }
-        return result;
-    }
-
-private:
-    QVariant value()
-    {
-        switch (rng.bounded(0, 9)) {
-        case 0:
-        case 1:
-            return int(rng.bounded(-1000, 1000));
-        case 2:
-            return qint64(rng.generate64());
-        case 3:
-            return bool(rng.bounded(0, 2));
-        case 4:
-            return QByteArray::number(rng.generate());
-        case 5:
-            return QStringList {QString::number(rng.generate()), QStringLiteral("s")};
-        case 6:
-            return QVariant::fromValue(QVector<double> {rng.generateDouble(), -1.0});
-        case 7:
-            return QVariant::fromValue(QVector<qint16> {qint16(rng.bounded(0, 30000))});
-        default:
-            return rng.generateDouble() * 1000.0 - 500.0;
-        }
-    }
-
-    void attributes(ZtDataItem &item, bool isArray)
-    {
-        if (rng.bounded(0, 3) == 0)
-            item.setName(QStringLiteral("n%1").arg(rng.bounded(0, 100)));
-        if (rng.bounded(0, 4) == 0)
-            item.setPen(QPen(QColor::fromRgb(rng.generate()), rng.bounded(0, 5)));
-        if (rng.bounded(0, 4) == 0) {
-            item.setStyle(int(rng.bounded(0, 10)));
-            if (!isArray && !item.isNameSet() && !item.isPenSet())
-                item.setName(QStringLiteral("styled")); // rule 2
-        }
-        if (rng.bounded(0, 4) == 0)
-            item.setTimestamp(
-                QDateTime::fromMSecsSinceEpoch(qint64(rng.generate()) * 1000, Qt::UTC));
-    }
-
-    QRandomGenerator rng;
-};
-
 // Nothing has registered the types in a fresh process; one construction must be enough for
 // variants and queued calls by name.
 int registers(std::function<void()> construct, std::initializer_list<const char *> names)
@@ -218,15 +131,11 @@ ChildCases childCaseTable()
               array.replace(0, &foreign);
           })}},
         {"convert a string", {unsupported, convert(QStringLiteral("1,2"))}},
-        {"convert an unsigned vector",
-         {unsupported, convert(QVariant::fromValue(QVector<quint32> {1}))}},
         {"write a plain value", {"ZtDataWrapper::convArrayToList: unknown type", run([] {
                                      ZtDataWrapper::convArrayToList(arrayOf({y(1), QVariant(2.0)}));
                                  })}},
         {"read a name before any item", {failed, read({QStringLiteral("n"), 1.0})}},
         {"read a name after a terminator", {failed, read({1.0, terminator, QStringLiteral("n")})}},
-        {"read a name after a pen",
-         {failed, read({1.0, QVariant::fromValue(QPen(Qt::red)), QStringLiteral("n")})}},
         {"read a second timestamp", {failed, read({1.0, stamp, stamp})}},
         {"read a map", {unknownEntry, read({1.0, QVariantMap {{QStringLiteral("k"), 1}}})}},
         // Made in the child: making the item here would register its type too early.
@@ -254,9 +163,6 @@ private slots:
     void replace_data();
     void replace();
     void equalityComparesValueTypes();
-    void registerBlock();
-    void sensors_data();
-    void sensors();
 
     void convertFromVariant_data();
     void convertFromVariant();
@@ -265,7 +171,6 @@ private slots:
     void arrayToList();
     void listToArray_data();
     void listToArray();
-    void generatedArraysRoundTrip();
 
     void childCases_data();
     void childCases();
@@ -281,13 +186,8 @@ void tst_ZtData::flagsFollowValues_data()
 
     QTest::newRow("nothing set") << QString(QLatin1String("")) << QPen() << -1 << QDateTime()
                                  << QVector<bool> {false, false, false, false};
-    QTest::newRow("style 0") << QString() << QPen() << 0 << QDateTime()
-                             << QVector<bool> {false, false, true, false};
     QTest::newRow("pen width only") << QString() << QPen(QBrush(Qt::black), 2) << -1 << QDateTime()
                                     << QVector<bool> {false, true, false, false};
-    QTest::newRow("epoch timestamp")
-        << QString() << QPen() << -1 << QDateTime::fromMSecsSinceEpoch(0, Qt::UTC)
-        << QVector<bool> {false, false, false, true};
     QTest::newRow("all set") << QStringLiteral("n") << QPen(Qt::red) << 3 << stamp
                              << QVector<bool> {true, true, true, true};
 }
@@ -382,51 +282,6 @@ void tst_ZtData::equalityComparesValueTypes()
     QVERIFY(arrayOf({nested(ZtDataArray())}) != arrayOf({nested(arrayOf({}, {}, {}, 1))}));
 }
 
-void tst_ZtData::registerBlock()
-{
-    // The type constructor leaves mode and start address at 0.
-    ModBusRegsArray block(ModBusRegsArray::Coils);
-    QCOMPARE(block.getMode(), ModBusRegsArray::Read);
-    QCOMPARE(block.getStartAddress(), 0);
-    block.regs = {0xffff, 1};
-    block.bits = {1, 0, 1};
-    block.setStartAddress(40001);
-    block.setMode(ModBusRegsArray::ReadWrite);
-    block.setType(ModBusRegsArray::InputRegisters);
-    ModBusRegsArray assigned(ModBusRegsArray::Coils);
-    assigned = block;
-    for (const ModBusRegsArray &copy : {ModBusRegsArray(block), assigned}) {
-        QCOMPARE(copy.regs, block.regs);
-        QCOMPARE(copy.bits, block.bits);
-        QCOMPARE(copy.getStartAddress(), 40001);
-        QCOMPARE(copy.getMode(), ModBusRegsArray::ReadWrite);
-        QCOMPARE(copy.getType(), ModBusRegsArray::InputRegisters);
-    }
-}
-
-void tst_ZtData::sensors_data()
-{
-    QTest::addColumn<StandardSensor>("sensor");
-    QTest::addColumn<double>("first");
-    QTest::addColumn<double>("second");
-    QTest::addColumn<int>("kind");
-
-    QTest::newRow("default") << StandardSensor() << 0.0 << 0.0 << 1;
-    QTest::newRow("one argument is ignored") << StandardSensor(5.0) << 0.0 << 0.0 << 2;
-    QTest::newRow("two arguments") << StandardSensor(1.5, -2.0) << 1.5 << -2.0 << 0;
-    StandardSensor named(3.0, 4.0);
-    named.setName(QStringLiteral("T1"));
-    QTest::newRow("copy") << StandardSensor(named) << 3.0 << 4.0 << 0;
-}
-
-void tst_ZtData::sensors()
-{
-    QFETCH(StandardSensor, sensor);
-    QTEST(sensor.getFirst(), "first");
-    QTEST(sensor.getSecond(), "second");
-    QTEST(sensor.getKind(), "kind");
-}
-
 void tst_ZtData::convertFromVariant_data()
 {
     QTest::addColumn<QVariant>("input");
@@ -435,17 +290,31 @@ void tst_ZtData::convertFromVariant_data()
     QTest::newRow("double to qint32 truncates toward zero")
         << QVariant::fromValue(QVector<double> {1.9, -1.9, 0.5})
         << QVariant::fromValue(QVector<qint32> {1, -1, 0});
-    QTest::newRow("double to qint8") << QVariant::fromValue(QVector<double> {-128.7, 127.2})
-                                     << QVariant::fromValue(QVector<qint8> {-128, 127});
     QTest::newRow("qint64 to qint8 keeps low bits")
         << QVariant::fromValue(QVector<qint64> {0x1ff, -129, 256})
         << QVariant::fromValue(QVector<qint8> {-1, 127, 0});
-    QTest::newRow("qint32 to qint16 keeps low bits")
-        << QVariant::fromValue(QVector<qint32> {70000, -32769})
-        << QVariant::fromValue(QVector<qint16> {4464, 32767});
     QTest::newRow("qint8 to qint64 sign-extends")
         << QVariant::fromValue(QVector<qint8> {-128, 127})
         << QVariant::fromValue(QVector<qint64> {-128, 127});
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const double inf = std::numeric_limits<double>::infinity();
+    QTest::newRow("NaN to 0") << QVariant::fromValue(QVector<double> {nan, -nan})
+                              << QVariant::fromValue(QVector<qint32> {0, 0});
+    QTest::newRow("double saturates to qint8")
+        << QVariant::fromValue(QVector<double> {128.0, -129.0, 1e300, -inf})
+        << QVariant::fromValue(QVector<qint8> {127, -128, 127, -128});
+    QTest::newRow("double saturates to qint16")
+        << QVariant::fromValue(QVector<double> {32767.9, -40000.0, inf})
+        << QVariant::fromValue(QVector<qint16> {32767, -32768, 32767});
+    QTest::newRow("double saturates to qint32")
+        << QVariant::fromValue(QVector<double> {2147483648.0, -2147483649.0})
+        << QVariant::fromValue(QVector<qint32> {2147483647, -2147483647 - 1});
+    QTest::newRow("double saturates to qint64 at 2^63")
+        << QVariant::fromValue(
+               QVector<double> {9223372036854775808.0, -9223372036854775808.0, -1e19})
+        << QVariant::fromValue(QVector<qint64> {std::numeric_limits<qint64>::max(),
+                                                std::numeric_limits<qint64>::min(),
+                                                std::numeric_limits<qint64>::min()});
     QTest::newRow("qint64 to double exact at 2^53")
         << QVariant::fromValue(QVector<qint64> {Q_INT64_C(9007199254740992), -1})
         << QVariant::fromValue(QVector<double> {9007199254740992.0, -1.0});
@@ -530,8 +399,6 @@ void tst_ZtData::listToArray_data()
         << QVariantList {1, 2} << arrayOf({xy(1, 2)});
     QTest::newRow("point with style but no name reads as point and value")
         << QVariantList {1.0, 2.0, 3} << arrayOf({xy(1.0, 2.0), y(3)});
-    QTest::newRow("values pair from the left")
-        << QVariantList {1.0, 2.0, 3.0} << arrayOf({xy(1.0, 2.0), y(3.0)});
     QTest::newRow("int after a nested array is its style")
         << QVariantList {QVariant(QVariantList {}), 3} << arrayOf({nested(arrayOf({}, {}, {}, 3))});
     QTest::newRow("int before a terminator is a value")
@@ -540,24 +407,9 @@ void tst_ZtData::listToArray_data()
     QTest::newRow("int after a name is a style")
         << QVariantList {1.5, QStringLiteral("a"), 3}
         << arrayOf({y(1.5, QStringLiteral("a"), QPen(), 3)});
-    QTest::newRow("int after a pen is a style")
-        << QVariantList {1, 2, QVariant::fromValue(QPen(Qt::red)), 3}
-        << arrayOf({xy(1, 2, QString(), QPen(Qt::red), 3)});
-    QTest::newRow("int after a style is a value")
-        << QVariantList {1.5, QStringLiteral("a"), 3, 4}
-        << arrayOf({y(1.5, QStringLiteral("a"), QPen(), 3), y(4)});
-    QTest::newRow("int after a timestamp is a value")
-        << QVariantList {QVariant(QVariantList {}), stamp, 4}
-        << arrayOf({nested(arrayOf({}, {}, {}, -1, stamp)), y(4)});
-    QTest::newRow("string list is one value")
-        << QVariantList {QStringList {QStringLiteral("a"), QStringLiteral("b")}, terminator}
-        << arrayOf({y(QStringList {QStringLiteral("a"), QStringLiteral("b")})});
     QTest::newRow("byte-array list is one value and takes a name")
         << QVariantList {QVariant::fromValue(QByteArrayList {"a", "b"}), QStringLiteral("n")}
         << arrayOf({y(QVariant::fromValue(QByteArrayList {"a", "b"}), QStringLiteral("n"))});
-    QTest::newRow("sample vector is one value")
-        << QVariantList {QVariant::fromValue(QVector<double> {1, 2}), terminator}
-        << arrayOf({y(QVariant::fromValue(QVector<double> {1, 2}))});
     QTest::newRow("stray terminators are skipped")
         << QVariantList {terminator, 1.0, 2.0, terminator, terminator} << arrayOf({xy(1.0, 2.0)});
     QTest::newRow("pending value ends at a nested array")
@@ -570,18 +422,6 @@ void tst_ZtData::listToArray()
     QFETCH(QVariantList, list);
     QFETCH(ZtDataArray, expected);
     QCOMPARE(ZtDataWrapper::convListToArray(list), expected);
-}
-
-void tst_ZtData::generatedArraysRoundTrip()
-{
-    ArrayGenerator generator(20240506);
-    int items = 0;
-    for (int round = 0; round < 3000; ++round) {
-        const ZtDataArray array = generator.array(0);
-        items += array.items.size();
-        QCOMPARE(ZtDataWrapper::convListToArray(ZtDataWrapper::convArrayToList(array)), array);
-    }
-    QVERIFY(items > 3000); // the generator really produced material
 }
 
 void tst_ZtData::childCases_data()

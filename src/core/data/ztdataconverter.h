@@ -8,6 +8,7 @@
 #include <QVariant>
 #include <QVector>
 
+#include <limits>
 #include <type_traits>
 
 // Reads a numeric sample vector out of a variant in the element type the caller wants, whatever
@@ -23,9 +24,11 @@ class ZTCORE_EXPORT ZtDataConverter
 public:
     // V is QVector<T> for T = qint8, qint16, qint32, qint64 or double. A variant that already
     // holds V is returned as it is: the result shares the held data, nothing is copied.
-    // Otherwise elements are converted one by one like static_cast<T>: doubles are truncated
-    // toward zero (values outside T's range are not supported), wider integers keep their
-    // low-order bits. Any other variant type is a programming error and ends the process.
+    // Otherwise elements are converted one by one. A double becomes an integer truncated toward
+    // zero; one outside T's range saturates to T's minimum or maximum, and NaN becomes 0. A
+    // wider integer becomes a narrower one by keeping its low-order bits (two's complement
+    // wrap). Integers become doubles exactly where the double can hold them. Any other variant
+    // type is a programming error and ends the process.
     template<typename V>
     static V convertFromVariant(const QVariant &v);
 
@@ -40,11 +43,38 @@ private:
 
     template<typename T, typename S>
     static QVector<T> convertElements(const QVariant &v);
+    template<typename T, typename S>
+    static T convertElement(S value);
     [[noreturn]] static void unsupported();
 
     static QAtomicPointer<ZtDataConverter> p_instance;
     QList<int> listId;
 };
+
+template<typename T, typename S>
+T ZtDataConverter::convertElement(S value)
+{
+    if constexpr (std::is_floating_point<S>::value && std::is_integral<T>::value) {
+        // A plain cast is undefined for NaN and for values outside T's range.
+        if (value != value)
+            return 0;
+        // Both limits are powers of two (or one less), so the comparison against their double
+        // forms is exact: anything at or above 2^(bits-1) is out of range.
+        constexpr S upper = S(std::numeric_limits<T>::max()) + S(1);
+        constexpr S lower = S(std::numeric_limits<T>::min());
+        if (value >= upper)
+            return std::numeric_limits<T>::max();
+        if (value < lower)
+            return std::numeric_limits<T>::min();
+        return static_cast<T>(value);
+    } else if constexpr (std::is_integral<S>::value && std::is_integral<T>::value) {
+        // Narrowing keeps the low-order bits; done on the unsigned type, where it is defined.
+        using U = typename std::make_unsigned<T>::type;
+        return static_cast<T>(static_cast<U>(value));
+    } else {
+        return static_cast<T>(value);
+    }
+}
 
 template<typename T, typename S>
 QVector<T> ZtDataConverter::convertElements(const QVariant &v)
@@ -55,7 +85,7 @@ QVector<T> ZtDataConverter::convertElements(const QVariant &v)
     const S *s = src.constData();
     T *d = out.data();
     for (int i = 0; i < n; ++i)
-        d[i] = static_cast<T>(s[i]);
+        d[i] = convertElement<T, S>(s[i]);
     return out;
 }
 
