@@ -37,7 +37,7 @@ ZTCORE_EXPORT LPTOP_LEVEL_EXCEPTION_FILTER set_signal_handler(void);
 // The filter itself: reports and returns EXCEPTION_EXECUTE_HANDLER so that the process ends
 // without the system's error dialog.
 ZTCORE_EXPORT LONG WINAPI windows_exception_handler(EXCEPTION_POINTERS *ExceptionInfo);
-// Walks and prints the i386 stack of context; returns the result of SymCleanup.
+// Walks and prints the stack of context (i386 or x86-64); returns the result of SymCleanup.
 ZTCORE_EXPORT BOOL windows_print_stacktrace(CONTEXT *context);
 
 #else
@@ -65,10 +65,17 @@ ZTCORE_EXPORT int set_signal_handler(void);
 // -1 on failure. A no-op returning 0 on Windows, where the system reserves room for the filter.
 ZTCORE_EXPORT int ztset_thread_signal_stack(void);
 
-// Runs "addr2line -f -p -e <programName> <address>" (at most 256 characters of the name) and
-// returns the result of system(). The tool prints the function, file and line on standard
-// output. On POSIX systems an address inside a loaded object is first made relative to that
-// object's load base, which position-independent executables need for the tool to find it.
+// Runs the external tool as "addr2line -f -p -e <programName> <address>" (at most 256 characters
+// of the name) and returns what system() would: the tool's wait status, -1 when it could not be
+// started. The tool prints the function, file and line on standard output.
+//
+// Windows runs the command through system() with the name in double quotes. POSIX systems start
+// the tool without a shell, with fork() and execve() and an argument vector held in static
+// buffers, so the name is one argument whatever blanks or shell characters it holds, and nothing
+// is allocated: the call is safe inside the crash handler. The tool is looked up in PATH when a
+// handler is installed (by the first call otherwise); a tool that is still running after 30
+// seconds is killed. An address inside a loaded object is first made relative to that object's
+// load base, which position-independent executables need for the tool to find it.
 ZTCORE_EXPORT int addr2line(const char *programName, void *address);
 
 #ifdef __cplusplus

@@ -1,5 +1,7 @@
 #include "ztbacktrace.h"
 
+#include "signalstack_p.h"
+
 #include <cxxabi.h>
 #include <dlfcn.h>
 #include <elf.h>
@@ -10,6 +12,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <ucontext.h>
 #include <unistd.h>
 
@@ -18,7 +21,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <climits>
 #include <cstring>
+#include <ctime>
 
 // The POSIX side of the crash handler. Fatal signals play the part of structured exceptions and
 // are named after the Windows exception codes, so that reports read the same on every platform:
@@ -45,7 +50,8 @@
 // exceptions, accepted because the process is ending anyway: backtrace() (its unwinder is loaded
 // at install time so it does not load a library here), dladdr1() (takes the loader's lock; a fault
 // inside dlopen could hang the report), __cxa_demangle() (allocates; a fault inside malloc could
-// hang or re-fault, see the re-entry guard) and system() for addr2line after a stack overflow.
+// hang or re-fault, see the re-entry guard). After a stack overflow the addr2line tool runs as a
+// child process started with fork and execve from buffers prepared beforehand, which is safe.
 //
 // Function names come from the ELF .symtab of the object that contains each frame, read straight
 // from its file through mmap. backtrace_symbols() and dladdr() only see the dynamic symbol table,
@@ -60,10 +66,6 @@ namespace {
 const char *icky_global_program_name = nullptr;
 
 const int caughtSignals[] = {SIGSEGV, SIGFPE, SIGILL, SIGBUS, SIGTRAP, SIGABRT, SIGSYS};
-
-// Big enough for the report with demangling under the sanitizers, which inflate frames. The
-// memory is reserved, not committed, until a fault uses it.
-const size_t altStackSize = 256 * 1024;
 
 // How far from the stack pointer a SIGSEGV still counts as hitting the stack's guard region:
 // below it by what one call's probes can reach, above it by a large frame that was allocated
@@ -93,25 +95,127 @@ void writeText(const char *text)
     }
 }
 
-// "0x" and at least eight hex digits, as the Windows report's "0x%08x".
-void writeAddress(uintptr_t value)
+// Room for "0x" and the digits of any address, or "(nil)", and the terminator.
+const size_t hexSize = 2 + 2 * sizeof(uintptr_t) + 1;
+
+// Writes "0x" and at least minDigits lower-case hex digits of value into out.
+void formatHex(char *out, uintptr_t value, int minDigits)
 {
-    char digits[2 + 2 * sizeof(uintptr_t) + 1];
     char reversed[2 * sizeof(uintptr_t)];
     int count = 0;
     do {
         reversed[count++] = "0123456789abcdef"[value & 0xf];
         value >>= 4;
     } while (value != 0);
-    while (count < 8)
+    while (count < minDigits)
         reversed[count++] = '0';
-    int pos = 0;
-    digits[pos++] = '0';
-    digits[pos++] = 'x';
+    *out++ = '0';
+    *out++ = 'x';
     while (count > 0)
-        digits[pos++] = reversed[--count];
-    digits[pos] = '\0';
+        *out++ = reversed[--count];
+    *out = '\0';
+}
+
+// At least eight digits, as the Windows report's "0x%08x".
+void writeAddress(uintptr_t value)
+{
+    char digits[hexSize];
+    formatHex(digits, value, 8);
     writeText(digits);
+}
+
+// The addr2line tool runs as "addr2line -f -p -e <program> <address>", started without a shell so
+// that a program path with blanks or shell characters is one argument and nothing else. Its full
+// path is looked up in PATH when the handler is installed; the fault path only copies the two
+// variable arguments into these buffers, forks and executes, and neither the handler nor the child
+// allocates. Two threads overflowing at the same moment share the buffers; the process is ending
+// either way.
+char toolPath[PATH_MAX];
+bool toolSearched = false;
+char toolArg0[] = "addr2line";
+char toolFunctions[] = "-f";
+char toolPretty[] = "-p";
+char toolExecutable[] = "-e";
+char toolProgram[256 + 1];
+char toolAddress[hexSize];
+char *const toolArgv[]
+    = {toolArg0, toolFunctions, toolPretty, toolExecutable, toolProgram, toolAddress, nullptr};
+
+// A tool that is still running after this long (a huge binary, a stuck file system) is killed so
+// that the process can end.
+const int toolTimeoutMs = 30000;
+
+void findTool()
+{
+    toolSearched = true;
+    toolPath[0] = '\0';
+    const char *dirs = getenv("PATH");
+    if (!dirs)
+        return;
+    while (true) {
+        const char *end = strchrnul(dirs, ':');
+        const size_t length = static_cast<size_t>(end - dirs);
+        // An empty entry stands for the current directory.
+        const char *dir = length > 0 ? dirs : ".";
+        const int dirLength = length > 0 ? static_cast<int>(length) : 1;
+        char candidate[PATH_MAX];
+        const int written
+            = snprintf(candidate, sizeof(candidate), "%.*s/%s", dirLength, dir, toolArg0);
+        struct stat st;
+        if (written > 0 && static_cast<size_t>(written) < sizeof(candidate)
+            && stat(candidate, &st) == 0 && S_ISREG(st.st_mode) && access(candidate, X_OK) == 0) {
+            memcpy(toolPath, candidate, static_cast<size_t>(written) + 1);
+            return;
+        }
+        if (*end == '\0')
+            return;
+        dirs = end + 1;
+    }
+}
+
+// glibc's fork() runs the atfork handlers, which take locks (the sanitizers' among them) that the
+// faulting code may hold; _Fork() does not.
+pid_t forkSafely()
+{
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
+    return _Fork();
+#else
+    return fork();
+#endif
+}
+
+// Runs the tool with the prepared arguments and returns its wait status, -1 when it could not be
+// started or waited for.
+int runTool()
+{
+    if (toolPath[0] == '\0')
+        return -1;
+    const pid_t child = forkSafely();
+    if (child < 0)
+        return -1;
+    if (child == 0) {
+        // The handler blocks the fault signals, and a signal mask survives execve.
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        execve(toolPath, toolArgv, environ);
+        _exit(127);
+    }
+    int status = 0;
+    for (int waited = 0;;) {
+        const pid_t done = waitpid(child, &status, WNOHANG);
+        if (done == child)
+            return status;
+        if (done < 0 && errno != EINTR)
+            return -1;
+        if (waited >= toolTimeoutMs) {
+            kill(child, SIGKILL);
+            return waitpid(child, &status, 0) == child ? status : -1;
+        }
+        const timespec pause = {0, 10 * 1000 * 1000};
+        nanosleep(&pause, nullptr);
+        waited += 10;
+    }
 }
 
 const char *faultText(int sig, int code)
@@ -454,33 +558,13 @@ void crashHandler(int sig, siginfo_t *info, void *context)
     errno = savedErrno;
 }
 
-// Owns the alternate signal stack that ztset_thread_signal_stack() gave its thread and takes it
-// down when the thread ends, so that a finished thread's stack memory is not left registered.
-struct AltStack
-{
-    void *memory = nullptr;
-    size_t size = 0;
-
-    ~AltStack()
-    {
-        if (!memory)
-            return;
-        stack_t disable;
-        memset(&disable, 0, sizeof(disable));
-        disable.ss_flags = SS_DISABLE;
-        sigaltstack(&disable, nullptr);
-        munmap(memory, size);
-    }
-};
-
-thread_local AltStack threadAltStack;
-
 int installHandlers()
 {
     // backtrace() loads the unwinder library on its first call; do that now rather than inside
     // the signal handler.
     void *warmUp[2];
     backtrace(warmUp, 2);
+    findTool();
 
     int result = ztset_thread_signal_stack();
     for (int sig : caughtSignals) {
@@ -514,35 +598,7 @@ int set_signal_handler(void)
 
 int ztset_thread_signal_stack(void)
 {
-    // An alternate stack that is already there (the host's own, or a sanitizer's) is kept: it
-    // belongs to whoever installed it and may be freed by them when the thread ends.
-    stack_t current;
-    if (sigaltstack(nullptr, &current) != 0)
-        return -1;
-    if (!(current.ss_flags & SS_DISABLE))
-        return 0;
-
-    // One inaccessible page below the stack turns an overflow of the handler itself into a clean
-    // fault instead of silently writing over whatever lies below.
-    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    const size_t total = altStackSize + page;
-    void *memory = mmap(nullptr, total, PROT_READ | PROT_WRITE,
-                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (memory == MAP_FAILED)
-        return -1;
-    mprotect(memory, page, PROT_NONE);
-
-    stack_t stack;
-    memset(&stack, 0, sizeof(stack));
-    stack.ss_sp = static_cast<char *>(memory) + page;
-    stack.ss_size = altStackSize;
-    if (sigaltstack(&stack, nullptr) != 0) {
-        munmap(memory, total);
-        return -1;
-    }
-    threadAltStack.memory = memory;
-    threadAltStack.size = total;
-    return 0;
+    return SignalStack::ensureForCurrentThread() ? 0 : -1;
 }
 
 int addr2line(const char *programName, void *address)
@@ -554,10 +610,14 @@ int addr2line(const char *programName, void *address)
     if (objectOf(reinterpret_cast<uintptr_t>(address), &info, &map))
         address = reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(address) - map->l_addr);
 
-    char addr2lineCmd[512];
-    memset(addr2lineCmd, 0, sizeof(addr2lineCmd));
-    // glibc prints a null string as "(null)"; spelled out here so a missing name stays defined.
-    snprintf(addr2lineCmd, sizeof(addr2lineCmd), "addr2line -f -p -e %.256s %p",
-             programName ? programName : "(null)", address);
-    return system(addr2lineCmd);
+    if (!toolSearched)
+        findTool();
+    // glibc prints a null string as "(null)" and a null pointer as "(nil)"; the arguments read
+    // the same as they would have through printf.
+    copyName(toolProgram, sizeof(toolProgram), programName ? programName : "(null)", 256);
+    if (address)
+        formatHex(toolAddress, reinterpret_cast<uintptr_t>(address), 1);
+    else
+        memcpy(toolAddress, "(nil)", sizeof("(nil)"));
+    return runTool();
 }

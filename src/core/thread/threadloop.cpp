@@ -1,6 +1,6 @@
 #include "threadloop.h"
 
-#include "ztbacktrace.h"
+#include "signalstack_p.h"
 
 ThreadLoop::ThreadLoop(QObject *parent)
     : QThread(parent)
@@ -9,7 +9,7 @@ ThreadLoop::ThreadLoop(QObject *parent)
 void ThreadLoop::run()
 {
     // So that a stack overflow in a module's code on this thread is still reported.
-    ztset_thread_signal_stack();
+    SignalStack::ensureForCurrentThread();
     emit launch(QThread::currentThread());
     exec();
 }

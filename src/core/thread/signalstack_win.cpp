@@ -1,0 +1,6 @@
+#include "signalstack_p.h"
+
+bool SignalStack::ensureForCurrentThread()
+{
+    return true;
+}
