@@ -68,15 +68,18 @@ HostOptions HostOptions::parse(const QCoreApplication &app)
     result.settingsFile = positional.value(0);
     if (result.settingsFile.isEmpty())
         result.settingsFile = firstExisting(
-            {appDir + QStringLiteral("/../demo/system.ini"), QStringLiteral(ZTHOST_DEMO_CONFIG)});
+            {appDir + QStringLiteral("/" ZTHOST_INSTALLED_DEMO_CONFIG),
+             appDir + QStringLiteral("/../demo/system.ini"), QStringLiteral(ZTHOST_DEMO_CONFIG)});
     result.modulesDir = positional.value(1);
     if (result.modulesDir.isEmpty())
         result.modulesDir = firstExisting(
-            {appDir + QStringLiteral("/../modules"), QStringLiteral(ZTHOST_MODULES_DIR)});
+            {appDir + QStringLiteral("/" ZTHOST_INSTALLED_MODULES_DIR),
+             appDir + QStringLiteral("/../modules"), QStringLiteral(ZTHOST_MODULES_DIR)});
     result.translationsDir = parser.isSet(translationsOption)
         ? parser.value(translationsOption)
-        : firstExisting(
-            {appDir + QStringLiteral("/../translations"), QStringLiteral(ZTHOST_TRANSLATIONS_DIR)});
+        : firstExisting({appDir + QStringLiteral("/" ZTHOST_INSTALLED_TRANSLATIONS_DIR),
+                         appDir + QStringLiteral("/../translations"),
+                         QStringLiteral(ZTHOST_TRANSLATIONS_DIR)});
     result.locale = parser.value(localeOption);
     result.stateFile = parser.value(stateOption);
     if (result.stateFile.isEmpty())

@@ -5,9 +5,9 @@
 
 class QCoreApplication;
 
-// What zthost was asked to do on its command line. Defaults point into the build tree: the demo
-// settings file (next to the executable's "../demo" folder when installed that way, else the
-// source tree's), the example module folder and the compiled translations.
+// What zthost was asked to do on its command line. Defaults: the demo settings file, the example
+// module folder and the library's translations, installed ones (found relative to the
+// executable) before those of the build tree.
 class HostOptions
 {
 public:

@@ -5,12 +5,16 @@
 #include <wssettings.h>
 #include <ztkernel.h>
 #include <ztmifound.h>
+#include <ztmodulemetadata.h>
 
 #include <QAction>
 #include <QApplication>
 #include <QCloseEvent>
+#include <QDateTime>
 #include <QDialogButtonBox>
+#include <QDir>
 #include <QDockWidget>
+#include <QFileInfo>
 #include <QMenu>
 #include <QMenuBar>
 #include <QMessageBox>
@@ -158,15 +162,33 @@ void MainWindow::addOptionsDialogs(const QList<QWidget *> &widgets)
 
 void MainWindow::showModulesInfo()
 {
-    QList<QString> info;
-    kernel->getModulesInfo(info);
+    // Read from the library files' metadata: what each library is, without asking its code.
+    SysSettings *settings = kernel->getSysSettings();
+    QStringList files;
+    for (int i = 0; settings->isModuleNameContains(i); ++i) {
+        const QString file = settings->readModuleName(i).toLower() + QStringLiteral(".dll");
+        if (!files.contains(file))
+            files.append(file);
+    }
     QString text = QStringLiteral("<table><tr><th>%1</th><th>%2</th><th>%3</th><th>%4</th>"
-                                  "<th>%5</th></tr>")
-                       .arg(tr("name"), tr("version"), tr("interface"), tr("kind"), tr("built"));
-    for (int i = 0; i + 4 < info.size(); i += 5) {
+                                  "<th>%5</th><th>%6</th></tr>")
+                       .arg(tr("name"), tr("version"), tr("interface"), tr("kind"), tr("built"),
+                            tr("description"));
+    const QDir dir(options.modulesDir);
+    for (const QString &file : qAsConst(files)) {
+        const ZtModuleMetaData meta = ZtModuleMetaData::fromFile(dir.filePath(file));
+        const QStringList row = meta.isValid()
+            ? QStringList {meta.getName(),
+                           meta.getVersion(),
+                           meta.getInterfaceType() + QLatin1Char(' ')
+                               + ZtModuleMetaData::versionText(meta.getInterfaceVersion()),
+                           meta.getKind(),
+                           QFileInfo(dir.filePath(file)).lastModified().toString(Qt::ISODate),
+                           meta.getDescription()}
+            : QStringList {file, QString(), QString(), QString(), QString(), meta.errorString()};
         text += QStringLiteral("<tr>");
-        for (int j = 0; j < 5; ++j)
-            text += QStringLiteral("<td>%1&nbsp;</td>").arg(info.at(i + j).toHtmlEscaped());
+        for (const QString &cell : row)
+            text += QStringLiteral("<td>%1&nbsp;</td>").arg(cell.toHtmlEscaped());
         text += QStringLiteral("</tr>");
     }
     QMessageBox::information(this, tr("Modules"), text + QStringLiteral("</table>"));
@@ -218,6 +240,19 @@ void MainWindow::describe()
             .arg(centralWidget() ? centralWidget()->objectName() : QStringLiteral("none"),
                  docks.join(QStringLiteral(", ")), menus.join(QStringLiteral(", ")),
                  bars.join(QStringLiteral(", "))));
+    // One line per menu with its entries, so that a headless run shows where actions went.
+    for (QAction *item : menuBar()->actions()) {
+        QMenu *menu = item->menu();
+        if (!menu)
+            continue;
+        QStringList entries;
+        for (QAction *action : menu->actions()) {
+            if (!action->isSeparator())
+                entries.append(action->text().remove(QLatin1Char('&')));
+        }
+        log(QStringLiteral("menu %1: %2")
+                .arg(menu->title().remove(QLatin1Char('&')), entries.join(QStringLiteral(", "))));
+    }
 }
 
 void MainWindow::quitAfterDelay()
@@ -242,7 +277,12 @@ void MainWindow::quitAfterDelay()
 
 void MainWindow::requestQuit()
 {
-    if (quitRequested) {
+    // The kernel quits only when it has quit requesters ("actquit" entries); a system without
+    // any leaves directly.
+    bool kernelQuits = false;
+    for (const QString &entry : kernel->getSysSettings()->readConnections())
+        kernelQuits = kernelQuits || entry.contains(QLatin1String(";actquit"));
+    if (quitRequested || !kernelQuits) {
         QCoreApplication::quit();
         return;
     }

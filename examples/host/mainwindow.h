@@ -29,7 +29,8 @@ public:
     void saveSettings();
 
 public slots:
-    // Asks the kernel to quit; a second request (after a cancelled quit) leaves at once.
+    // Asks the kernel to quit; a second request (after a cancelled quit), or any request when
+    // the settings wire no quit action, leaves at once.
     void requestQuit();
 
 protected:
