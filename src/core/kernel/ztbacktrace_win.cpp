@@ -6,20 +6,122 @@
 #include <cstdlib>
 #include <cstring>
 
-// The walk below is the i386 one (machine type, Eip/Ebp/Esp); link with dbghelp.
+// Builds for 32- and 64-bit Windows; link with dbghelp. The two differ only in the stack walk's
+// record types, machine and registers and in the width of the printed addresses, all chosen in
+// this block.
+namespace {
+
+#ifdef _WIN64
+typedef STACKFRAME64 StackFrame;
+typedef IMAGEHLP_SYMBOL64 Symbol;
+typedef DWORD64 Displacement;
+typedef unsigned long long PrintedAddress;
+#define ZT_ADDRESS "0x%016llx"
+
+DWORD64 instructionPointer(const CONTEXT *context)
+{
+    return context->Rip;
+}
+
+void setFrame(StackFrame *frame, const CONTEXT *context)
+{
+    frame->AddrPC.Offset = context->Rip;
+    frame->AddrStack.Offset = context->Rsp;
+    frame->AddrFrame.Offset = context->Rbp;
+}
+
+BOOL walkStack(StackFrame *frame, CONTEXT *context)
+{
+    return StackWalk64(IMAGE_FILE_MACHINE_AMD64, GetCurrentProcess(), GetCurrentThread(), frame,
+                       context, nullptr, SymFunctionTableAccess64, SymGetModuleBase64, nullptr);
+}
+
+BOOL symbolAt(const StackFrame &frame, Displacement *displacement, Symbol *symbol)
+{
+    return SymGetSymFromAddr64(GetCurrentProcess(), frame.AddrPC.Offset, displacement, symbol);
+}
+#else
+typedef STACKFRAME StackFrame;
+typedef IMAGEHLP_SYMBOL Symbol;
+typedef DWORD Displacement;
+typedef unsigned int PrintedAddress;
+#define ZT_ADDRESS "0x%08x"
+
+DWORD instructionPointer(const CONTEXT *context)
+{
+    return context->Eip;
+}
+
+void setFrame(StackFrame *frame, const CONTEXT *context)
+{
+    frame->AddrPC.Offset = context->Eip;
+    frame->AddrStack.Offset = context->Esp;
+    frame->AddrFrame.Offset = context->Ebp;
+}
+
+BOOL walkStack(StackFrame *frame, CONTEXT *context)
+{
+    return StackWalk(332 /* IMAGE_FILE_MACHINE_I386 */, GetCurrentProcess(), GetCurrentThread(),
+                     frame, context, nullptr, SymFunctionTableAccess, SymGetModuleBase, nullptr);
+}
+
+BOOL symbolAt(const StackFrame &frame, Displacement *displacement, Symbol *symbol)
+{
+    return SymGetSymFromAddr(GetCurrentProcess(), frame.AddrPC.Offset, displacement, symbol);
+}
+#endif
+
+} // namespace
 
 // Not owned: the host's argv[0] or another string that lives as long as the process.
 static const char *icky_global_program_name = nullptr;
 
+namespace {
+
+DWORD WINAPI reportOnFreshStack(void *info)
+{
+    windows_exception_handler(static_cast<EXCEPTION_POINTERS *>(info));
+    return 0;
+}
+
+// A stack overflow leaves the faulting thread a page or two: less than the system's exception
+// dispatch needs to reach the unhandled-exception filter (Wine gives up on the way) and far less
+// than starting the addr2line tool takes. This vectored handler sees the exception before the
+// dispatch walks the stack, hands the report to a fresh thread with a stack of its own, waits for
+// it (bounded, as a stuck tool must not keep the process alive) and ends the process as the
+// filter's EXCEPTION_EXECUTE_HANDLER would. A stack overflow is therefore fatal even where a
+// __try block would have caught it. Every other exception goes on to the filter.
+LONG WINAPI watchStackOverflow(EXCEPTION_POINTERS *info)
+{
+    if (info->ExceptionRecord->ExceptionCode != EXCEPTION_STACK_OVERFLOW)
+        return EXCEPTION_CONTINUE_SEARCH;
+    HANDLE reporter = CreateThread(nullptr, 0, reportOnFreshStack, info, 0, nullptr);
+    if (!reporter)
+        return EXCEPTION_CONTINUE_SEARCH;
+    WaitForSingleObject(reporter, 30000);
+    TerminateProcess(GetCurrentProcess(), EXCEPTION_STACK_OVERFLOW);
+    return EXCEPTION_CONTINUE_SEARCH;
+}
+
+LPTOP_LEVEL_EXCEPTION_FILTER install()
+{
+    static PVOID overflowWatch = nullptr;
+    if (!overflowWatch)
+        overflowWatch = AddVectoredExceptionHandler(0, watchStackOverflow);
+    return SetUnhandledExceptionFilter(windows_exception_handler);
+}
+
+} // namespace
+
 LPTOP_LEVEL_EXCEPTION_FILTER ztset_signal_handler(const char *programName)
 {
     icky_global_program_name = programName;
-    return SetUnhandledExceptionFilter(windows_exception_handler);
+    return install();
 }
 
 LPTOP_LEVEL_EXCEPTION_FILTER set_signal_handler(void)
 {
-    return SetUnhandledExceptionFilter(windows_exception_handler);
+    return install();
 }
 
 int ztset_thread_signal_stack(void)
@@ -31,7 +133,8 @@ int addr2line(const char *programName, void *address)
 {
     char addr2lineCmd[512];
     memset(addr2lineCmd, 0, sizeof(addr2lineCmd));
-    sprintf(addr2lineCmd, "addr2line -f -p -e %.256s %p", programName, address);
+    // Quoted, so that a program path with blanks stays one argument.
+    sprintf(addr2lineCmd, "addr2line -f -p -e \"%.256s\" %p", programName, address);
     return system(addr2lineCmd);
 }
 
@@ -39,29 +142,26 @@ BOOL windows_print_stacktrace(CONTEXT *context)
 {
     SymInitialize(GetCurrentProcess(), nullptr, TRUE);
 
-    STACKFRAME frame;
+    StackFrame frame;
     memset(&frame, 0, sizeof(frame));
-    frame.AddrPC.Offset = context->Eip;
+    setFrame(&frame, context);
     frame.AddrPC.Mode = AddrModeFlat;
-    frame.AddrStack.Offset = context->Esp;
     frame.AddrStack.Mode = AddrModeFlat;
-    frame.AddrFrame.Offset = context->Ebp;
     frame.AddrFrame.Mode = AddrModeFlat;
 
-    while (StackWalk(332 /* IMAGE_FILE_MACHINE_I386 */, GetCurrentProcess(), GetCurrentThread(),
-                     &frame, context, nullptr, SymFunctionTableAccess, SymGetModuleBase, nullptr)) {
-        // A 24-byte IMAGEHLP_SYMBOL header followed by room for a 255-character name. Never
+    while (walkStack(&frame, context)) {
+        // The symbol header (24 bytes for i386) followed by room for a 255-character name. Never
         // freed: the process is about to end and its heap may be the thing that is damaged.
-        IMAGEHLP_SYMBOL *symbol = static_cast<IMAGEHLP_SYMBOL *>(calloc(280, 1));
-        symbol->SizeOfStruct = 24;
+        Symbol *symbol = static_cast<Symbol *>(calloc(sizeof(Symbol) + 256, 1));
+        symbol->SizeOfStruct = sizeof(Symbol);
         symbol->MaxNameLength = 255;
-        DWORD displacement = 0;
-        if (SymGetSymFromAddr(GetCurrentProcess(), frame.AddrPC.Offset, &displacement, symbol))
-            fprintf(stderr, "0x%08x %s\n", static_cast<unsigned int>(frame.AddrPC.Offset),
-                    symbol->Name);
+        Displacement displacement = 0;
+        const PrintedAddress address = static_cast<PrintedAddress>(frame.AddrPC.Offset);
+        if (symbolAt(frame, &displacement, symbol))
+            fprintf(stderr, ZT_ADDRESS " %s\n", address, symbol->Name);
         else
             // The blank after the line feed is part of the established output format.
-            fprintf(stderr, "0x%08x\n ", static_cast<unsigned int>(frame.AddrPC.Offset));
+            fprintf(stderr, ZT_ADDRESS "\n ", address);
     }
 
     return SymCleanup(GetCurrentProcess());
@@ -137,10 +237,12 @@ LONG WINAPI windows_exception_handler(EXCEPTION_POINTERS *ExceptionInfo)
     fflush(stderr);
 
     fputs("==== STACK TRACE ====\n", stderr);
+    // Before the external tool writes to the same stream.
+    fflush(stderr);
     if (EXCEPTION_STACK_OVERFLOW == ExceptionInfo->ExceptionRecord->ExceptionCode) {
         // No stack is left to walk on: let the external tool name the faulting instruction.
         addr2line(icky_global_program_name,
-                  reinterpret_cast<void *>(ExceptionInfo->ContextRecord->Eip));
+                  reinterpret_cast<void *>(instructionPointer(ExceptionInfo->ContextRecord)));
         fputs("==== STACK TRACE UNAVAILABLE ====\n", stderr);
     } else {
         windows_print_stacktrace(ExceptionInfo->ContextRecord);
