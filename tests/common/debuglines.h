@@ -11,45 +11,38 @@
 class DebugLines
 {
 public:
-    static void install() { previous() = qInstallMessageHandler(&DebugLines::handle); }
-
+    static void install() { state().previous = qInstallMessageHandler(&DebugLines::handle); }
     static QStringList all()
     {
-        QMutexLocker guard(&mutex());
-        return store();
+        QMutexLocker guard(&state().mutex);
+        return state().lines;
     }
-
     static void clear()
     {
-        QMutexLocker guard(&mutex());
-        store().clear();
+        QMutexLocker guard(&state().mutex);
+        state().lines.clear();
     }
 
 private:
+    struct State
+    {
+        QMutex mutex;
+        QStringList lines;
+        QtMessageHandler previous = nullptr;
+    };
+    static State &state()
+    {
+        static State instance;
+        return instance;
+    }
     static void handle(QtMsgType type, const QMessageLogContext &context, const QString &text)
     {
         if (type != QtDebugMsg) {
-            if (previous())
-                previous()(type, context, text);
+            if (state().previous)
+                state().previous(type, context, text);
             return;
         }
-        QMutexLocker guard(&mutex());
-        store().append(text);
-    }
-
-    static QMutex &mutex()
-    {
-        static QMutex instance;
-        return instance;
-    }
-    static QStringList &store()
-    {
-        static QStringList lines;
-        return lines;
-    }
-    static QtMessageHandler &previous()
-    {
-        static QtMessageHandler handler = nullptr;
-        return handler;
+        QMutexLocker guard(&state().mutex);
+        state().lines.append(text);
     }
 };
