@@ -15,9 +15,9 @@
 // writeReturn/writeListReturn. The read operations return the byte or list buffer, the write
 // operations return pos as the server set it.
 //
-// The buffers are shared between requester and server and carry no lock of their own: the
-// variants order the hand-off themselves (same thread for Direct, semaphores for Concurrent).
-// One request at a time per propagator.
+// The buffers are shared between requester and server; each variant orders the hand-off
+// itself (Direct: one thread; Concurrent: a lock and semaphores). One request at a time per
+// propagator.
 //
 // Plug-ins are compiled against the order of the members, signals and virtual operations below.
 class ZTCORE_EXPORT PropagatorFeedback : public Propagator

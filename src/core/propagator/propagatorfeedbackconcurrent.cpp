@@ -2,15 +2,57 @@
 
 #include <QCoreApplication>
 #include <QEvent>
+#include <QMetaMethod>
+#include <QMutexLocker>
 
 namespace {
 
-enum RequestEvent {
+enum RequestType {
     ReadRequest = 1001,
     ReadListRequest = 1002,
     WriteRequest = 1003,
     WriteListRequest = 1004,
 };
+
+// A request on its way to the propagator's thread, carrying everything the server is asked.
+class RequestEvent : public QEvent
+{
+public:
+    RequestEvent(RequestType type, quint64 serial, qlonglong pos)
+        : QEvent(QEvent::Type(type))
+        , serial(serial)
+        , pos(pos)
+    { }
+    RequestEvent(quint64 serial, const QByteArray &bytes)
+        : QEvent(QEvent::Type(WriteRequest))
+        , serial(serial)
+        , bytes(bytes)
+    { }
+    RequestEvent(quint64 serial, const QVariantList &list)
+        : QEvent(QEvent::Type(WriteListRequest))
+        , serial(serial)
+        , list(list)
+    { }
+
+    const quint64 serial;
+    const qlonglong pos = 0;
+    const QByteArray bytes;
+    const QVariantList list;
+};
+
+QMetaMethod signalFor(int type)
+{
+    switch (type) {
+    case ReadRequest:
+        return QMetaMethod::fromSignal(&PropagatorFeedback::tryRead);
+    case ReadListRequest:
+        return QMetaMethod::fromSignal(&PropagatorFeedback::tryReadList);
+    case WriteRequest:
+        return QMetaMethod::fromSignal(&PropagatorFeedback::tryWrite);
+    default:
+        return QMetaMethod::fromSignal(&PropagatorFeedback::tryWriteList);
+    }
+}
 
 } // namespace
 
@@ -20,10 +62,13 @@ PropagatorFeedbackConcurrent::PropagatorFeedbackConcurrent(QObject *parent)
 
 QByteArray PropagatorFeedbackConcurrent::read(qlonglong p)
 {
+    QMutexLocker lock(&m_lock);
     data.clear();
     pos = p;
-    QCoreApplication::postEvent(this, new QEvent(QEvent::Type(ReadRequest)));
-    readSem.acquire();
+    const quint64 serial = open(m_reads, readSem);
+    lock.unlock();
+    QCoreApplication::postEvent(this, new RequestEvent(ReadRequest, serial, p));
+    await(lock, m_reads, readSem);
     return data;
 }
 
@@ -31,63 +76,87 @@ QByteArray PropagatorFeedbackConcurrent::read(qlonglong p)
 // until the answer replaces it.
 QVariantList PropagatorFeedbackConcurrent::readList(qlonglong p)
 {
+    QMutexLocker lock(&m_lock);
     data.clear();
     pos = p;
-    QCoreApplication::postEvent(this, new QEvent(QEvent::Type(ReadListRequest)));
-    readSem.acquire();
+    const quint64 serial = open(m_reads, readSem);
+    lock.unlock();
+    QCoreApplication::postEvent(this, new RequestEvent(ReadListRequest, serial, p));
+    await(lock, m_reads, readSem);
     return listData;
 }
 
 bool PropagatorFeedbackConcurrent::readLater(qlonglong p)
 {
+    QMutexLocker lock(&m_lock);
     data.clear();
     pos = p;
     if (readSem.available() > 0)
         return false;
-    QCoreApplication::postEvent(this, new QEvent(QEvent::Type(ReadRequest)));
+    const quint64 serial = open(m_reads, readSem);
+    lock.unlock();
+    QCoreApplication::postEvent(this, new RequestEvent(ReadRequest, serial, p));
     return true;
 }
 
 bool PropagatorFeedbackConcurrent::readListLater(qlonglong p)
 {
+    QMutexLocker lock(&m_lock);
     listData.clear();
     pos = p;
     if (readSem.available() > 0)
         return false;
-    QCoreApplication::postEvent(this, new QEvent(QEvent::Type(ReadListRequest)));
+    const quint64 serial = open(m_reads, readSem);
+    lock.unlock();
+    QCoreApplication::postEvent(this, new RequestEvent(ReadListRequest, serial, p));
     return true;
 }
 
 qlonglong PropagatorFeedbackConcurrent::write(const QByteArray &bytes)
 {
+    QMutexLocker lock(&m_lock);
     data = bytes;
-    QCoreApplication::postEvent(this, new QEvent(QEvent::Type(WriteRequest)));
-    writeSem.acquire();
+    const quint64 serial = open(m_writes, writeSem);
+    lock.unlock();
+    QCoreApplication::postEvent(this, new RequestEvent(serial, bytes));
+    await(lock, m_writes, writeSem);
     return pos;
 }
 
 qlonglong PropagatorFeedbackConcurrent::writeList(const QVariantList &list)
 {
+    QMutexLocker lock(&m_lock);
     listData = list;
-    QCoreApplication::postEvent(this, new QEvent(QEvent::Type(WriteListRequest)));
-    writeSem.acquire();
+    const quint64 serial = open(m_writes, writeSem);
+    lock.unlock();
+    QCoreApplication::postEvent(this, new RequestEvent(serial, list));
+    await(lock, m_writes, writeSem);
     return pos;
 }
 
 void PropagatorFeedbackConcurrent::readReturn(const QByteArray &bytes)
 {
+    QMutexLocker lock(&m_lock);
+    if (!accept(m_reads))
+        return;
     data = bytes;
     readSem.release();
 }
 
 void PropagatorFeedbackConcurrent::readListReturn(const QVariantList &list)
 {
+    QMutexLocker lock(&m_lock);
+    if (!accept(m_reads))
+        return;
     listData = list;
     readSem.release();
 }
 
 void PropagatorFeedbackConcurrent::writeReturn(qlonglong result)
 {
+    QMutexLocker lock(&m_lock);
+    if (!accept(m_writes))
+        return;
     pos = result;
     writeSem.release();
 }
@@ -104,40 +173,102 @@ bool PropagatorFeedbackConcurrent::waitForBytesWritten(int)
 
 QByteArray PropagatorFeedbackConcurrent::waitLaterRead(int msecs, bool *ok)
 {
+    const bool answered = readSem.tryAcquire(1, msecs);
+    QMutexLocker lock(&m_lock);
+    const bool collected = settleDeferred(answered);
     if (ok)
-        *ok = false;
-    if (readSem.tryAcquire(1, msecs) && ok)
-        *ok = true;
+        *ok = collected;
     return data;
 }
 
 QVariantList PropagatorFeedbackConcurrent::waitLaterReadList(int msecs, bool *ok)
 {
+    const bool answered = readSem.tryAcquire(1, msecs);
+    QMutexLocker lock(&m_lock);
+    const bool collected = settleDeferred(answered);
     if (ok)
-        *ok = false;
-    if (readSem.tryAcquire(1, msecs) && ok)
-        *ok = true;
+        *ok = collected;
     return listData;
 }
 
 bool PropagatorFeedbackConcurrent::event(QEvent *e)
 {
-    switch (static_cast<int>(e->type())) {
+    const auto *request = dynamic_cast<const RequestEvent *>(e);
+    if (!request)
+        return PropagatorFeedback::event(e);
+    e->accept();
+
+    const int type = request->type();
+    const bool reading = type == ReadRequest || type == ReadListRequest;
+    {
+        QMutexLocker lock(&m_lock);
+        if (!dispatch(reading ? m_reads : m_writes, request->serial,
+                      isSignalConnected(signalFor(type))))
+            return true;
+    }
+    switch (type) {
     case ReadRequest:
-        emit tryRead(pos);
+        emit tryRead(request->pos);
         break;
     case ReadListRequest:
-        emit tryReadList(pos);
+        emit tryReadList(request->pos);
         break;
     case WriteRequest:
-        emit tryWrite(data);
-        break;
-    case WriteListRequest:
-        emit tryWriteList(listData);
+        emit tryWrite(request->bytes);
         break;
     default:
-        return PropagatorFeedback::event(e);
+        emit tryWriteList(request->list);
+        break;
     }
-    e->accept();
     return true;
+}
+
+// Lock held. A new request replaces whatever its direction had open, so answers still
+// uncollected there are stale: their permits go.
+quint64 PropagatorFeedbackConcurrent::open(Channel &channel, QSemaphore &answers)
+{
+    answers.tryAcquire(answers.available());
+    channel.waiting = ++m_serial;
+    channel.ticket = 0;
+    return channel.waiting;
+}
+
+// Called with the lock released; returns with it held, the request closed and its answer in
+// the buffers.
+void PropagatorFeedbackConcurrent::await(QMutexLocker &lock, Channel &channel, QSemaphore &answers)
+{
+    answers.acquire();
+    lock.relock();
+    channel.waiting = 0;
+}
+
+// Lock held. Closes the deferred read, collected or given up; an answer that came in between
+// the time-out and taking the lock still counts as collected.
+bool PropagatorFeedbackConcurrent::settleDeferred(bool answered)
+{
+    if (!answered)
+        answered = readSem.tryAcquire();
+    m_reads.waiting = 0;
+    return answered;
+}
+
+// Lock held. Hands the request to the server unless it was given up meanwhile, or unless
+// nobody serves: an answer that never comes would shift the matching of every later one.
+bool PropagatorFeedbackConcurrent::dispatch(Channel &channel, quint64 serial, bool served)
+{
+    if (channel.waiting != serial || !served)
+        return false;
+    channel.ticket = ++channel.dispatched;
+    return true;
+}
+
+// Lock held. Matches an arriving answer to the oldest request handed to the server and not yet
+// answered; true when that request is the one waiting. An answer when nothing is outstanding is
+// pushed by the server and kept only while no request waits.
+bool PropagatorFeedbackConcurrent::accept(Channel &channel)
+{
+    if (channel.answered == channel.dispatched)
+        return channel.waiting == 0;
+    ++channel.answered;
+    return channel.waiting != 0 && channel.answered == channel.ticket;
 }
