@@ -23,6 +23,9 @@ public slots:
     void sendList(const QVariantList &list) override;
 
 protected slots:
+    // When another propagator relays into this one (its try* signals connected directly to
+    // these slots), this propagator, the receiving one, takes the locks in its own list, inside
+    // the relaying propagator's emission; the relaying one takes only the locks in its list.
     void recvSend(const QByteArray &byteArray) override;
     // Relayed lists lock only the extended modules in the list (mt == 1), unlike send and
     // sendList which lock every module. The asymmetry is intended.
