@@ -4,17 +4,15 @@
 #include <QByteArray>
 #include <QPluginLoader>
 
-#include <cfenv>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <thread>
 
 #include <sys/mman.h>
 #include <unistd.h>
 
-// The child process of tst_ztbacktrace: crash_helper <named|anonymous|longname> <fault>.
+// The child process of tst_ztbacktrace: crash_helper <fault> [<program name> | -]. The handler
+// is installed with the program's own path, the name given, or without a name for "-".
 // Faulting functions are static (only the symbol table names them), each a frame of its own,
 // and hidden from the sanitizers so that the fault reaches the handler as a signal.
 #define FAULTING __attribute__((noipa, no_sanitize("address", "undefined")))
@@ -38,13 +36,6 @@ FAULTING void faultIntegerDivision()
     sink = numerator / zero;
 }
 
-FAULTING void faultFloatDivision()
-{
-    feenableexcept(FE_DIVBYZERO);
-    volatile double denominator = zero;
-    sink = static_cast<int>(1.0 / denominator);
-}
-
 FAULTING void faultIllegalInstruction()
 {
     __builtin_trap();
@@ -59,23 +50,9 @@ FAULTING void faultBusError()
     sink = *static_cast<volatile char *>(mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0));
 }
 
-FAULTING void faultBreakpoint()
-{
-#if defined(__i386__) || defined(__x86_64__)
-    asm volatile("int3");
-#else
-    raise(SIGTRAP);
-#endif
-}
-
 FAULTING void faultAbort()
 {
     abort();
-}
-
-FAULTING void faultQtFatal()
-{
-    qFatal("crash_helper: fatal message");
 }
 
 // Using the result after the call keeps this from becoming a loop.
@@ -111,12 +88,9 @@ const struct
 } faults[] = {
     {"access", faultAccessViolation},
     {"intdiv", faultIntegerDivision},
-    {"fltdiv", faultFloatDivision},
     {"illegal", faultIllegalInstruction},
     {"bus", faultBusError},
-    {"breakpoint", faultBreakpoint},
     {"abort", faultAbort},
-    {"qfatal", faultQtFatal},
     {"overflow", [] { sink = recurseForever(0); }},
     {"stdthread", [] { std::thread(faultOnStdThread).join(); }},
     {"threadoverflow",
@@ -133,25 +107,17 @@ const struct
 
 int main(int argc, char **argv)
 {
-    if (argc != 3)
+    if (argc < 2)
         return 2;
-    // 256 characters that the handler keeps, then a tail that it must cut off.
-    static char longName[300];
-    memset(longName, 'n', 256);
-    strcpy(longName + 256, "-cut-here");
-
-    const QByteArray install(argv[1]);
-    if (install == "named")
+    if (argc < 3)
         ztset_signal_handler(argv[0]);
-    else if (install == "anonymous")
+    else if (qstrcmp(argv[2], "-") == 0)
         set_signal_handler();
-    else if (install == "longname")
-        ztset_signal_handler(longName);
     else
-        return 2;
+        ztset_signal_handler(argv[2]);
 
     for (const auto &fault : faults) {
-        if (qstrcmp(argv[2], fault.name) == 0) {
+        if (qstrcmp(argv[1], fault.name) == 0) {
             fault.run();
             return 1; // the fault did not happen
         }

@@ -2,10 +2,8 @@
 
 #include <cstring>
 
-// Run under Wine by the crash tests: winfault <access|overflow>. The Windows crash handler is
-// compiled into this program; without Qt it needs no Windows build of the library.
-
-namespace {
+// Run under Wine by the crash tests: winfault <access|overflow>, with the Windows crash handler
+// compiled in (it uses no Qt, so no Windows build of the library is needed).
 
 int *volatile unmappedPointer = nullptr;
 volatile bool keepRecursing = true;
@@ -15,17 +13,12 @@ __attribute__((noinline)) void faultAccessViolation()
     *unmappedPointer = 1;
 }
 
-// Using the result after the call keeps this from becoming a loop.
 __attribute__((noinline)) int recurseForever(int depth)
 {
     volatile char frame[512];
     frame[0] = static_cast<char>(depth);
-    if (!keepRecursing)
-        return 0;
-    return recurseForever(depth + 1) + frame[0];
+    return keepRecursing ? recurseForever(depth + 1) + frame[0] : 0;
 }
-
-} // namespace
 
 int main(int argc, char **argv)
 {
