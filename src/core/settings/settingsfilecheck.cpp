@@ -43,15 +43,16 @@ struct Entry
 bool nextEntry(const QByteArray &data, int &pos, Entry &entry, CommentEnd commentEnd)
 {
     const int size = data.size();
+    const char *const p = data.constData();
     bool inQuotes = false;
     entry.equals = -1;
     int start = pos;
-    while (start < size && isBlank(data.at(start)))
+    while (start < size && isBlank(p[start]))
         ++start;
 
     int i = start;
     while (i < size) {
-        const char ch = data.at(i++);
+        const char ch = p[i++];
         if (!isSpecial(ch))
             continue;
         if (ch == '=') {
@@ -66,9 +67,9 @@ bool nextEntry(const QByteArray &data, int &pos, Entry &entry, CommentEnd commen
             }
         } else if (ch == '\\') {
             if (i < size) {
-                const char next = data.at(i++);
+                const char next = p[i++];
                 if (i < size) {
-                    const char after = data.at(i);
+                    const char after = p[i];
                     if ((next == '\n' && after == '\r') || (next == '\r' && after == '\n'))
                         ++i;
                 }
@@ -76,11 +77,11 @@ bool nextEntry(const QByteArray &data, int &pos, Entry &entry, CommentEnd commen
         } else if (ch == '"') {
             inQuotes = !inQuotes;
         } else if (i == start + 1) { // ';' opening a comment line
-            while (i < size && data.at(i) != '\n'
-                   && (commentEnd == CommentEnd::NewLineOnly || data.at(i) != '\r'))
+            while (i < size && p[i] != '\n'
+                   && (commentEnd == CommentEnd::NewLineOnly || p[i] != '\r'))
                 ++i;
             if (commentEnd == CommentEnd::AnyLineBreak) {
-                while (i < size && isBlank(data.at(i)))
+                while (i < size && isBlank(p[i]))
                     ++i;
             }
             start = i;
@@ -149,38 +150,39 @@ void chopBlanks(QString &text)
 QStringList unescapedValue(const QByteArray &data, int from, int to, QTextCodec *codec)
 {
     QStringList parts;
+    const char *const p = data.constData();
     QString current;
     bool inQuotes = false;
     int i = from;
     const auto skipBlanks = [&] {
-        while (i < to && (data.at(i) == ' ' || data.at(i) == '\t'))
+        while (i < to && (p[i] == ' ' || p[i] == '\t'))
             ++i;
     };
     skipBlanks();
     while (i < to) {
-        const char ch = data.at(i);
+        const char ch = p[i];
         if (ch == '\\') {
             if (++i >= to)
                 break;
-            const char code = data.at(i++);
+            const char code = p[i++];
             if (const char plain = simpleEscape(code)) {
                 current += QLatin1Char(plain);
             } else if (code == 'x') {
                 if (i >= to)
                     break;
-                if (hexValue(data.at(i)) < 0)
+                if (hexValue(p[i]) < 0)
                     continue; // "\x" without digits is dropped
                 quint32 value = 0;
-                while (i < to && hexValue(data.at(i)) >= 0)
-                    value = (value << 4) + quint32(hexValue(data.at(i++)));
+                while (i < to && hexValue(p[i]) >= 0)
+                    value = (value << 4) + quint32(hexValue(p[i++]));
                 current += QChar(ushort(value & 0xffff));
             } else if (code >= '0' && code <= '7') {
                 quint32 value = quint32(code - '0');
-                while (i < to && data.at(i) >= '0' && data.at(i) <= '7')
-                    value = (value << 3) + quint32(data.at(i++) - '0');
+                while (i < to && p[i] >= '0' && p[i] <= '7')
+                    value = (value << 3) + quint32(p[i++] - '0');
                 current += QChar(ushort(value & 0xffff));
             } else if (code == '\n' || code == '\r') {
-                if (i < to && (data.at(i) == '\n' || data.at(i) == '\r') && data.at(i) != code)
+                if (i < to && (p[i] == '\n' || p[i] == '\r') && p[i] != code)
                     ++i;
             }
             // Any other escaped character is dropped.
@@ -197,7 +199,7 @@ QStringList unescapedValue(const QByteArray &data, int from, int to, QTextCodec 
             skipBlanks();
         } else {
             int j = i + 1;
-            while (j < to && data.at(j) != '\\' && data.at(j) != '"' && data.at(j) != ',')
+            while (j < to && p[j] != '\\' && p[j] != '"' && p[j] != ',')
                 ++j;
             current += codec ? codec->toUnicode(data.constData() + i, j - i)
                              : QString::fromLatin1(data.constData() + i, j - i);
