@@ -30,7 +30,9 @@ extern "C" {
 
 // Keeps programName (not copied: it must outlive the process, argv[0] does) for the
 // stack-overflow report and installs windows_exception_handler as the unhandled exception
-// filter. Returns the previous filter.
+// filter. Returns the previous filter. A stack overflow leaves too little stack for the filter to
+// be reached, so a vectored handler (added once) passes that exception to the filter on a fresh
+// thread and ends the process; an overflow is therefore fatal even inside a __try block.
 ZTCORE_EXPORT LPTOP_LEVEL_EXCEPTION_FILTER ztset_signal_handler(const char *programName);
 // As ztset_signal_handler, leaving the program name as it is (null unless set before).
 ZTCORE_EXPORT LPTOP_LEVEL_EXCEPTION_FILTER set_signal_handler(void);
