@@ -12,7 +12,6 @@
 #include <QAction>
 #include <QFile>
 #include <QMutex>
-#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
@@ -474,7 +473,7 @@ void tst_Connections::loggerEntries()
                               Q_ARG(QString, "warming up"));
     // The settings give every module an ".alias" ("id_0" when the file names none).
     QTRY_VERIFY(rig.log().contains(QStringLiteral("(MM) ")));
-    QTRY_VERIFY(rig.log().contains(QRegularExpression(" id_0[^:]*:    warming up\n")));
+    QTRY_VERIFY(rig.log().contains(QStringLiteral(" id_0:    warming up\n")));
 }
 
 QTEST_MAIN(tst_Connections)

@@ -270,6 +270,8 @@ int ZtKernel::loadModules(QString dir)
         ZtMIFound *module = record.module;
         module->setup();
         sysSettings->readModuleSetting(i, module->getOptions());
+        logger->registerSource(module,
+                               module->getOptions()->value(QStringLiteral(".alias")).toString());
 
         const int threadNumber = sysSettings->readModuleThread(i);
         if (threadNumber >= 0) {
