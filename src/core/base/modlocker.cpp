@@ -1,5 +1,7 @@
 #include "modlocker.h"
 
+#include "tsanhandoff_p.h"
+
 ModLocker::ModLocker(QObject *owner)
     : owner(owner)
 { }
@@ -11,16 +13,21 @@ ModLocker::ModLocker(const ModLocker &other)
 void ModLocker::lock()
 {
     mutex.lock();
+    tsanAcquire(&mutex);
 }
 
 void ModLocker::unlock()
 {
+    tsanRelease(&mutex);
     mutex.unlock();
 }
 
 bool ModLocker::tryLock()
 {
-    return mutex.tryLock();
+    if (!mutex.tryLock())
+        return false;
+    tsanAcquire(&mutex);
+    return true;
 }
 
 QObject *ModLocker::getOwner() const

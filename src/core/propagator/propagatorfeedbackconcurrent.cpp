@@ -1,9 +1,10 @@
 #include "propagatorfeedbackconcurrent.h"
 
+#include "tsanhandoff_p.h"
+
 #include <QCoreApplication>
 #include <QEvent>
 #include <QMetaMethod>
-#include <QMutexLocker>
 
 namespace {
 
@@ -40,6 +41,13 @@ public:
     const QVariantList list;
 };
 
+// The event is built in the requester's thread and read in the propagator's.
+void post(QObject *receiver, RequestEvent *request)
+{
+    tsanRelease(request);
+    QCoreApplication::postEvent(receiver, request);
+}
+
 QMetaMethod signalFor(int type)
 {
     switch (type) {
@@ -62,12 +70,12 @@ PropagatorFeedbackConcurrent::PropagatorFeedbackConcurrent(QObject *parent)
 
 QByteArray PropagatorFeedbackConcurrent::read(qlonglong p)
 {
-    QMutexLocker lock(&m_lock);
+    TsanMutexLocker lock(&m_lock);
     data.clear();
     pos = p;
     const quint64 serial = open(m_reads, readSem);
     lock.unlock();
-    QCoreApplication::postEvent(this, new RequestEvent(ReadRequest, serial, p));
+    post(this, new RequestEvent(ReadRequest, serial, p));
     await(lock, m_reads, readSem);
     return data;
 }
@@ -76,67 +84,67 @@ QByteArray PropagatorFeedbackConcurrent::read(qlonglong p)
 // until the answer replaces it.
 QVariantList PropagatorFeedbackConcurrent::readList(qlonglong p)
 {
-    QMutexLocker lock(&m_lock);
+    TsanMutexLocker lock(&m_lock);
     data.clear();
     pos = p;
     const quint64 serial = open(m_reads, readSem);
     lock.unlock();
-    QCoreApplication::postEvent(this, new RequestEvent(ReadListRequest, serial, p));
+    post(this, new RequestEvent(ReadListRequest, serial, p));
     await(lock, m_reads, readSem);
     return listData;
 }
 
 bool PropagatorFeedbackConcurrent::readLater(qlonglong p)
 {
-    QMutexLocker lock(&m_lock);
+    TsanMutexLocker lock(&m_lock);
     data.clear();
     pos = p;
     if (readSem.available() > 0)
         return false;
     const quint64 serial = open(m_reads, readSem);
     lock.unlock();
-    QCoreApplication::postEvent(this, new RequestEvent(ReadRequest, serial, p));
+    post(this, new RequestEvent(ReadRequest, serial, p));
     return true;
 }
 
 bool PropagatorFeedbackConcurrent::readListLater(qlonglong p)
 {
-    QMutexLocker lock(&m_lock);
+    TsanMutexLocker lock(&m_lock);
     listData.clear();
     pos = p;
     if (readSem.available() > 0)
         return false;
     const quint64 serial = open(m_reads, readSem);
     lock.unlock();
-    QCoreApplication::postEvent(this, new RequestEvent(ReadListRequest, serial, p));
+    post(this, new RequestEvent(ReadListRequest, serial, p));
     return true;
 }
 
 qlonglong PropagatorFeedbackConcurrent::write(const QByteArray &bytes)
 {
-    QMutexLocker lock(&m_lock);
+    TsanMutexLocker lock(&m_lock);
     data = bytes;
     const quint64 serial = open(m_writes, writeSem);
     lock.unlock();
-    QCoreApplication::postEvent(this, new RequestEvent(serial, bytes));
+    post(this, new RequestEvent(serial, bytes));
     await(lock, m_writes, writeSem);
     return pos;
 }
 
 qlonglong PropagatorFeedbackConcurrent::writeList(const QVariantList &list)
 {
-    QMutexLocker lock(&m_lock);
+    TsanMutexLocker lock(&m_lock);
     listData = list;
     const quint64 serial = open(m_writes, writeSem);
     lock.unlock();
-    QCoreApplication::postEvent(this, new RequestEvent(serial, list));
+    post(this, new RequestEvent(serial, list));
     await(lock, m_writes, writeSem);
     return pos;
 }
 
 void PropagatorFeedbackConcurrent::readReturn(const QByteArray &bytes)
 {
-    QMutexLocker lock(&m_lock);
+    TsanMutexLocker lock(&m_lock);
     if (!accept(m_reads))
         return;
     data = bytes;
@@ -145,7 +153,7 @@ void PropagatorFeedbackConcurrent::readReturn(const QByteArray &bytes)
 
 void PropagatorFeedbackConcurrent::readListReturn(const QVariantList &list)
 {
-    QMutexLocker lock(&m_lock);
+    TsanMutexLocker lock(&m_lock);
     if (!accept(m_reads))
         return;
     listData = list;
@@ -154,7 +162,7 @@ void PropagatorFeedbackConcurrent::readListReturn(const QVariantList &list)
 
 void PropagatorFeedbackConcurrent::writeReturn(qlonglong result)
 {
-    QMutexLocker lock(&m_lock);
+    TsanMutexLocker lock(&m_lock);
     if (!accept(m_writes))
         return;
     pos = result;
@@ -174,7 +182,7 @@ bool PropagatorFeedbackConcurrent::waitForBytesWritten(int)
 QByteArray PropagatorFeedbackConcurrent::waitLaterRead(int msecs, bool *ok)
 {
     const bool answered = readSem.tryAcquire(1, msecs);
-    QMutexLocker lock(&m_lock);
+    TsanMutexLocker lock(&m_lock);
     const bool collected = settleDeferred(answered);
     if (ok)
         *ok = collected;
@@ -184,7 +192,7 @@ QByteArray PropagatorFeedbackConcurrent::waitLaterRead(int msecs, bool *ok)
 QVariantList PropagatorFeedbackConcurrent::waitLaterReadList(int msecs, bool *ok)
 {
     const bool answered = readSem.tryAcquire(1, msecs);
-    QMutexLocker lock(&m_lock);
+    TsanMutexLocker lock(&m_lock);
     const bool collected = settleDeferred(answered);
     if (ok)
         *ok = collected;
@@ -193,6 +201,7 @@ QVariantList PropagatorFeedbackConcurrent::waitLaterReadList(int msecs, bool *ok
 
 bool PropagatorFeedbackConcurrent::event(QEvent *e)
 {
+    tsanAcquire(e);
     const auto *request = dynamic_cast<const RequestEvent *>(e);
     if (!request)
         return PropagatorFeedback::event(e);
@@ -201,7 +210,7 @@ bool PropagatorFeedbackConcurrent::event(QEvent *e)
     const int type = request->type();
     const bool reading = type == ReadRequest || type == ReadListRequest;
     {
-        QMutexLocker lock(&m_lock);
+        TsanMutexLocker lock(&m_lock);
         if (!dispatch(reading ? m_reads : m_writes, request->serial,
                       isSignalConnected(signalFor(type))))
             return true;
@@ -235,7 +244,8 @@ quint64 PropagatorFeedbackConcurrent::open(Channel &channel, QSemaphore &answers
 
 // Called with the lock released; returns with it held, the request closed and its answer in
 // the buffers.
-void PropagatorFeedbackConcurrent::await(QMutexLocker &lock, Channel &channel, QSemaphore &answers)
+void PropagatorFeedbackConcurrent::await(TsanMutexLocker &lock, Channel &channel,
+                                         QSemaphore &answers)
 {
     answers.acquire();
     lock.relock();

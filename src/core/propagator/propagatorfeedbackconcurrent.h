@@ -7,7 +7,7 @@
 #include <QSemaphore>
 
 class QEvent;
-class QMutexLocker;
+class TsanMutexLocker;
 
 // Requester and server in different threads. The kernel moves the propagator to the thread
 // launcher's propagator thread, which belongs to neither module: a request is posted to the
@@ -74,7 +74,7 @@ private:
     };
 
     quint64 open(Channel &channel, QSemaphore &answers);
-    void await(QMutexLocker &lock, Channel &channel, QSemaphore &answers);
+    void await(TsanMutexLocker &lock, Channel &channel, QSemaphore &answers);
     bool settleDeferred(bool answered);
     bool dispatch(Channel &channel, quint64 serial, bool served);
     bool accept(Channel &channel);

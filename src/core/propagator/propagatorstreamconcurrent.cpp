@@ -1,8 +1,8 @@
 #include "propagatorstreamconcurrent.h"
 
 #include "modlocker.h"
+#include "tsanhandoff_p.h"
 
-#include <QMutexLocker>
 #include <QObject>
 #include <QVariant>
 
@@ -57,7 +57,7 @@ bool PropagatorStreamConcurrent::setChild(Propagator *child)
 
 void PropagatorStreamConcurrent::send(const QByteArray &byteArray)
 {
-    QMutexLocker guard(&mutex);
+    TsanMutexLocker guard(&mutex);
     lockAll(lockers);
     emit trySend(byteArray);
     unlockAll(lockers);
@@ -65,7 +65,7 @@ void PropagatorStreamConcurrent::send(const QByteArray &byteArray)
 
 void PropagatorStreamConcurrent::sendList(const QVariantList &list)
 {
-    QMutexLocker guard(&mutex);
+    TsanMutexLocker guard(&mutex);
     lockAll(lockers);
     emit trySendList(list);
     emit streamSendList(list);
@@ -79,7 +79,7 @@ void PropagatorStreamConcurrent::recvSend(const QByteArray &byteArray)
 
 void PropagatorStreamConcurrent::recvSendList(const QVariantList &list)
 {
-    QMutexLocker guard(&mutex);
+    TsanMutexLocker guard(&mutex);
     lockExtended(lockers);
     emit trySendList(list);
     unlockExtended(lockers);

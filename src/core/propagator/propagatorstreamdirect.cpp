@@ -1,6 +1,6 @@
 #include "propagatorstreamdirect.h"
 
-#include <QMutexLocker>
+#include "tsanhandoff_p.h"
 
 PropagatorStreamDirect::PropagatorStreamDirect(QObject *parent)
     : PropagatorStream(Propagator::Direct, parent)
@@ -30,7 +30,7 @@ bool PropagatorStreamDirect::setChild(Propagator *newChild)
 
 void PropagatorStreamDirect::send(const QByteArray &byteArray)
 {
-    QMutexLocker guard(&mutex);
+    TsanMutexLocker guard(&mutex);
     emit trySend(byteArray);
     if (child)
         emit childSend(byteArray);
@@ -38,7 +38,7 @@ void PropagatorStreamDirect::send(const QByteArray &byteArray)
 
 void PropagatorStreamDirect::sendList(const QVariantList &list)
 {
-    QMutexLocker guard(&mutex);
+    TsanMutexLocker guard(&mutex);
     emit trySendList(list);
     emit streamSendList(list);
     if (child)
@@ -47,12 +47,12 @@ void PropagatorStreamDirect::sendList(const QVariantList &list)
 
 void PropagatorStreamDirect::recvSend(const QByteArray &byteArray)
 {
-    QMutexLocker guard(&mutex);
+    TsanMutexLocker guard(&mutex);
     emit trySend(byteArray);
 }
 
 void PropagatorStreamDirect::recvSendList(const QVariantList &list)
 {
-    QMutexLocker guard(&mutex);
+    TsanMutexLocker guard(&mutex);
     emit trySendList(list);
 }

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <QMutex>
+
+// Hand-offs the thread sanitizer cannot see. Qt's own code is not instrumented in the usual
+// builds (Debian's is not), and QMutex, QSemaphore and event posting synchronise inside it, so
+// data handed from one thread to another through them looks unsynchronised to the sanitizer.
+// The library marks its own hand-off points: tsanRelease(x) before the data leaves a thread,
+// tsanAcquire(x) where the other thread takes it up, with the same x on both sides. Without the
+// thread sanitizer all of this compiles to nothing.
+
+#if defined(__SANITIZE_THREAD__)
+#define ZTCORE_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define ZTCORE_TSAN 1
+#endif
+#endif
+
+#ifdef ZTCORE_TSAN
+extern "C" void __tsan_acquire(void *addr);
+extern "C" void __tsan_release(void *addr);
+#endif
+
+inline void tsanAcquire(const void *addr)
+{
+#ifdef ZTCORE_TSAN
+    __tsan_acquire(const_cast<void *>(addr));
+#else
+    Q_UNUSED(addr)
+#endif
+}
+
+inline void tsanRelease(const void *addr)
+{
+#ifdef ZTCORE_TSAN
+    __tsan_release(const_cast<void *>(addr));
+#else
+    Q_UNUSED(addr)
+#endif
+}
+
+// QMutexLocker for a QMutex whose lock and unlock the sanitizer should see as such.
+class TsanMutexLocker
+{
+public:
+    explicit TsanMutexLocker(QMutex *mutex)
+        : m_mutex(mutex)
+    {
+        relock();
+    }
+    ~TsanMutexLocker()
+    {
+        if (m_locked)
+            unlock();
+    }
+    TsanMutexLocker(const TsanMutexLocker &) = delete;
+    TsanMutexLocker &operator=(const TsanMutexLocker &) = delete;
+
+    void unlock()
+    {
+        tsanRelease(m_mutex);
+        m_mutex->unlock();
+        m_locked = false;
+    }
+    void relock()
+    {
+        m_mutex->lock();
+        tsanAcquire(m_mutex);
+        m_locked = true;
+    }
+
+private:
+    QMutex *m_mutex;
+    bool m_locked = false;
+};
