@@ -6,6 +6,25 @@
 #include <QTest>
 #include <QThread>
 
+// Says where it ran, then goes; a slot rather than a lambda keeps the call free of state that two
+// threads share.
+class Probe : public QObject
+{
+    Q_OBJECT
+
+public:
+    static QAtomicPointer<QThread> pinged;
+
+public slots:
+    void ping()
+    {
+        pinged.storeRelease(QThread::currentThread());
+        deleteLater();
+    }
+};
+
+QAtomicPointer<QThread> Probe::pinged;
+
 class tst_ThreadLauncher : public QObject
 {
     Q_OBJECT
@@ -33,18 +52,10 @@ private slots:
         QVERIFY(fourth != first && fourth != launcher->getPpgThread());
 
         // Each runs an event loop: queued calls reach objects moved there.
-        QObject probe;
-        probe.moveToThread(fourth);
-        QThread *ranIn = nullptr;
-        QThread *home = QThread::currentThread();
-        QMetaObject::invokeMethod(
-            &probe,
-            [&] {
-                ranIn = QThread::currentThread();
-                probe.moveToThread(home);
-            },
-            Qt::BlockingQueuedConnection);
-        QCOMPARE(ranIn, fourth);
+        auto *probe = new Probe;
+        probe->moveToThread(fourth);
+        QMetaObject::invokeMethod(probe, "ping", Qt::QueuedConnection);
+        QTRY_COMPARE(Probe::pinged.loadAcquire(), fourth);
     }
 
     // Idle threads leave their loops when asked; only one stuck in a slot is terminated, with the
@@ -62,21 +73,18 @@ private slots:
     {
         QFETCH(bool, owned);
         QFETCH(bool, stuck);
-#if defined(__SANITIZE_ADDRESS__)
-        // Termination unwinds the thread with pthread_cancel; the address sanitizer loses track
-        // of the unwinding stack and aborts at random. The normal build runs this case.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        // Termination unwinds the thread with pthread_cancel; the sanitizers lose track of the
+        // unwinding stack and abort at random. The normal build runs this case.
         if (stuck)
-            QSKIP("thread termination is not supported under the address sanitizer");
+            QSKIP("thread termination is not supported under the sanitizers");
 #endif
         DebugLines::clear();
         QObject owner;
         auto *launcher = new ThreadLauncher(owned ? &owner : nullptr);
         QThread *ppg = launcher->getPpgThread();
         QThread *worker = launcher->placeAt(1);
-        QAtomicInt finished;
-        for (QThread *t : {launcher->threadAt(0), worker, ppg})
-            connect(
-                t, &QThread::finished, this, [&finished] { finished.ref(); }, Qt::DirectConnection);
+        QVERIFY(ppg != worker && ppg != launcher->threadAt(0));
 
         QObject sleeper;
         QAtomicInt entered;
@@ -93,8 +101,11 @@ private slots:
             QTRY_VERIFY(entered.loadAcquire());
         }
 
+        // The module loops go with the launcher, and deleting a QThread that still runs aborts:
+        // getting past this line means they have ended.
         delete launcher;
-        QCOMPARE(finished.loadAcquire(), 3);
+        if (owned)
+            QVERIFY(ppg->isFinished());
         QCOMPARE(DebugLines::all().filter("terminate thread").size(), stuck ? 1 : 0);
     }
 };

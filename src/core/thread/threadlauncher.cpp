@@ -1,6 +1,7 @@
 #include "threadlauncher.h"
 
 #include "threadloop.h"
+#include "tsanhandoff_p.h"
 
 #include <QCoreApplication>
 #include <QDebug>
@@ -36,6 +37,9 @@ ThreadLauncher::~ThreadLauncher()
             thread->terminate();
             thread->wait(3000);
         }
+        // The loop objects are deleted with this launcher; what their threads left behind
+        // becomes this thread's (QThread's own end is invisible to the thread sanitizer).
+        tsanAcquire(thread);
     }
     // The propagator loop belongs to the owner object, which deletes it right after this
     // launcher; deleting a QThread that still runs aborts the process, so make sure it has ended.
@@ -44,6 +48,7 @@ ThreadLauncher::~ThreadLauncher()
         m_ppgLoop->terminate();
         m_ppgLoop->wait(3000);
     }
+    tsanAcquire(m_ppgLoop.data());
     if (!ownerObject)
         delete m_ppgLoop;
     threads.clear();

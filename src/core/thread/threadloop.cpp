@@ -1,6 +1,7 @@
 #include "threadloop.h"
 
 #include "signalstack_p.h"
+#include "tsanhandoff_p.h"
 
 ThreadLoop::ThreadLoop(QObject *parent)
     : QThread(parent)
@@ -12,4 +13,6 @@ void ThreadLoop::run()
     SignalStack::ensureForCurrentThread();
     emit launch(QThread::currentThread());
     exec();
+    // Whoever deletes this object after the thread has ended takes over what the thread did.
+    tsanRelease(static_cast<QThread *>(this));
 }
