@@ -7,6 +7,7 @@
 #include "propagatorstreamconcurrent.h"
 #include "propagatorstreamdirect.h"
 #include "propagatorstreamnull.h"
+#include "tsanhandoff_p.h"
 #include "ztdatawrapper.h"
 #include "ztmiextended.h"
 #include "ztmistream.h"
@@ -120,6 +121,8 @@ public:
 // requester can tell its own answer from a stale one; a negative list read asks for the sample.
 // With a gate, every answer waits for a permit of it (bounded), so the test decides when
 // answers arrive.
+char serverSetUp; // the hand-off point of Server's set-up, for the thread sanitizer
+
 class Server : public QObject
 {
 public:
@@ -127,6 +130,9 @@ public:
     {
         auto serve = [this, gate](auto answer) {
             return [this, gate, answer](auto request) {
+                // The serving thread takes up what the constructor set up (these very
+                // captures, the propagator) through Qt's queued call.
+                tsanAcquire(&serverSetUp);
                 entered.release();
                 if (gate)
                     gate->tryAcquire(1, Patience);
@@ -144,6 +150,7 @@ public:
         connect(p, &PropagatorFeedback::tryWriteList, this, serve([p](const QVariantList &l) {
                     p->writeListReturn(l.value(0).toLongLong() * 3);
                 }));
+        tsanRelease(&serverSetUp);
     }
     QSemaphore entered; // one permit per request received
     QSemaphore answered; // one permit per answer given
