@@ -7,23 +7,21 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-#include <functional>
-
 using Options = QHash<QString, QVariant>;
 
 const QString fixture = QStringLiteral(ZT_SETTINGS_FIXTURES "/handwritten.ini");
 
 // Reads hand-written INI files: each case writes the text as a user would and checks what the
-// kernel would be told.
+// kernel would be told. Every case reads several values through one object, so a read that left
+// a group open would show in the next.
 class tst_SysSettings : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void initTestCase();
+    void initTestCase() { QVERIFY(dir.isValid()); }
     void mainWindow_data();
     void mainWindow();
-    void valueText();
     void moduleReads_data();
     void moduleReads();
     void moduleOptions();
@@ -33,7 +31,6 @@ private slots:
     void elementsAndConnections();
     void beginGroupModuleAuto_data();
     void beginGroupModuleAuto();
-    void groupsBalanced();
     void exampleFile();
     void damagedValue_data();
     void damagedValue();
@@ -50,42 +47,32 @@ QString tst_SysSettings::writeIni(const QByteArray &text)
 {
     const QString path = dir.filePath(QStringLiteral("sys%1.ini").arg(++files));
     QFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
-        qFatal("cannot write %s", qPrintable(path));
-    file.write(text);
+    if (file.open(QIODevice::WriteOnly))
+        file.write(text);
     return path;
-}
-
-void tst_SysSettings::initTestCase()
-{
-    QVERIFY(dir.isValid());
-    QVERIFY(QFile::exists(fixture));
 }
 
 // An invalid level or size means the key is absent and the flag must come back false.
 void tst_SysSettings::mainWindow_data()
 {
     QTest::addColumn<QByteArray>("ini");
-    QTest::addColumn<QString>("title");
-    QTest::addColumn<QString>("version");
     QTest::addColumn<QVariant>("level");
     QTest::addColumn<QVariant>("size");
+    QTest::addColumn<QString>("title");
+    QTest::addColumn<QString>("version");
 
     QTest::newRow("everything") << QByteArray("[mainwindow]\ntitle=Rig\nsubtitle=Lab\nversion=1.2\n"
                                               "loggerlevel=4\nloggersize=500\n")
-                                << "Rig - Lab"
-                                << "1.2" << QVariant(4) << QVariant(500);
-    QTest::newRow("subtitle only") << QByteArray("[mainwindow]\nsubtitle=Lab\n") << "Lab"
-                                   << "Unknown" << QVariant() << QVariant();
+                                << QVariant(4) << QVariant(500) << "Rig - Lab" << QString("1.2");
     QTest::newRow("title only keeps the dash")
-        << QByteArray("[mainwindow]\ntitle=Rig\n") << "Rig - "
-        << "Unknown" << QVariant() << QVariant();
+        << QByteArray("[mainwindow]\ntitle=Rig\n") << QVariant() << QVariant() << "Rig - "
+        << QString("Unknown");
     QTest::newRow("empty version; numbers that are not still count as set")
-        << QByteArray("[mainwindow]\nversion=\nloggerlevel=high\nloggersize=\n") << ""
-        << "" << QVariant(0) << QVariant(0);
-    QTest::newRow("utf-8") << QByteArray("[mainwindow]\ntitle=Стенд\nsubtitle=№1\n")
-                           << QString::fromUtf8("Стенд - №1") << "Unknown" << QVariant()
-                           << QVariant();
+        << QByteArray("[mainwindow]\nversion=\nloggerlevel=high\nloggersize=\n") << QVariant(0)
+        << QVariant(0) << "" << QString();
+    QTest::newRow("utf-8 subtitle only")
+        << QByteArray("[mainwindow]\nsubtitle=Стенд №1\n") << QVariant() << QVariant()
+        << QString::fromUtf8("Стенд №1") << QString("Unknown");
 }
 
 void tst_SysSettings::mainWindow()
@@ -103,22 +90,6 @@ void tst_SysSettings::mainWindow()
     ok = !size.isValid();
     QCOMPARE(settings.getLoggerBlockCount(&ok), size.toInt());
     QCOMPARE(ok, size.isValid());
-    QCOMPARE(settings.getLoggerLevel(nullptr), level.toInt());
-}
-
-// Every read of a value as text joins what an unquoted comma split, blanks around commas lost.
-void tst_SysSettings::valueText()
-{
-    SysSettings settings(writeIni("[mainwindow]\ntitle=a , b,c\n[modules]\nid_0\\.name=a , b,c\n"
-                                  "[widgets]\nid_0\\wmain=a , b,c\n[mwelements]\nmenus\\k=a , b,c\n"
-                                  "menunames\\k=a , b,c\n[connections]\nk=a , b,c\n"));
-    const QString expected = QStringLiteral("a,b,c");
-    QCOMPARE(settings.getTitle(), expected + " - ");
-    QCOMPARE(settings.readModuleName(0), expected);
-    QCOMPARE(settings.readModuleWMain(0), expected);
-    QCOMPARE(settings.readMenuName("k"), expected);
-    QCOMPARE(settings.readMenus(), QStringList {expected});
-    QCOMPARE(settings.readConnections(), QStringList {expected});
 }
 
 void tst_SysSettings::moduleReads_data()
@@ -151,7 +122,6 @@ void tst_SysSettings::moduleOptions()
     SysSettings settings(fixture);
     // Single values: "id_2" wins over the alias group; a whole setting: the alias group wins.
     QCOMPARE(settings.readModuleOption(2, "rate").toString(), "10");
-    QCOMPARE(settings.valueFromGroupForModule("nothing", "modules", 2, 5), QVariant(5));
     // Unquoted commas give the module a list; only text reads join it.
     QCOMPARE(settings.readModuleOption(2, "modes").toStringList(), QStringList({"fast", "slow"}));
     Options second;
@@ -170,14 +140,10 @@ void tst_SysSettings::moduleOptions()
                        {".alias", "id_0"}}));
     // Commented out for the walk, yet readable by exact name.
     QCOMPARE(settings.readModuleOption(0, "#gain").toString(), "99");
-    Options none;
-    QVERIFY(settings.readModuleSetting(9, &none));
-    QCOMPARE(none, (Options {{".alias", "id_9"}}));
 
     QVERIFY(settings.isModuleMainLayout(2));
     QVERIFY(settings.isModuleWOptionsDialog(2));
     QVERIFY(!settings.isModuleMainLayout(0));
-    QVERIFY(settings.boolValueFromGroupForModule("absent", "widgets", 7, true));
 
     // An empty alias must not make the module read the whole "modules" group.
     SysSettings emptyAlias(writeIni("[aliases]\nid_4=\n[modules]\nid_1\\x=1\n"));
@@ -186,48 +152,32 @@ void tst_SysSettings::moduleOptions()
     QCOMPARE(fourth.keys(), QStringList {".alias"});
 }
 
-// Aliases: 2 gen, 3 g, 10 out. Kinds: c(onnection), a(ction), m(enu or tool bar entry).
+// Aliases: 2 gen, 3 g, 10 out. Kinds: c(onnection), a(ction). Menu, tool bar and action entries
+// in place are checked on the hand-written file.
 void tst_SysSettings::replaceAliases_data()
 {
-    QTest::addColumn<QString>("kind");
+    QTest::addColumn<char>("kind");
     QTest::addColumn<QString>("entry");
     QTest::addColumn<QString>("expected");
 
-    QTest::newRow("after semicolon, every occurrence") << "c"
-                                                       << "id_1;a;gen;b;gen;c"
-                                                       << "id_1;a;id_2;b;id_2;c";
-    QTest::newRow("start wins over inner for one alias") << "c"
-                                                         << "gen;a;gen;b"
-                                                         << "id_2;a;gen;b";
-    QTest::newRow("other aliases still inner") << "c"
-                                               << "gen;a;g;b"
-                                               << "id_2;a;id_3;b";
-    QTest::newRow("needs the terminator") << "c"
-                                          << "id_1;a;gen"
-                                          << "id_1;a;gen";
-    QTest::newRow("alias that is a field word") << "c"
-                                                << "id_1;out;id_2;in"
-                                                << "id_1;id_10;id_2;in";
-    QTest::newRow("action alias") << "a"
-                                  << "x;act:gen,go"
-                                  << "x;actid_2,go";
-    QTest::newRow("action alias without act:") << "a"
-                                               << "gen,go"
-                                               << "gen,go";
-    QTest::newRow("menu entry") << "m"
-                                << "gen,start"
-                                << "2,start";
+    QTest::newRow("after ';', every occurrence")
+        << 'c' << "id_1;a;gen;b;gen;c" << QString("id_1;a;id_2;b;id_2;c");
+    QTest::newRow("at the start, inner ones of the same alias stay")
+        << 'c' << "gen;a;gen;b;g;c" << QString("id_2;a;gen;b;id_3;c");
+    QTest::newRow("needs the terminator") << 'c' << "id_1;a;gen" << QString("id_1;a;gen");
+    QTest::newRow("alias that is a field word")
+        << 'c' << "id_1;out;id_2;in" << QString("id_1;id_10;id_2;in");
+    QTest::newRow("action alias without act:") << 'a' << "gen,go" << QString("gen,go");
 }
 
 void tst_SysSettings::replaceAliases()
 {
-    QFETCH(QString, kind);
+    QFETCH(char, kind);
     QFETCH(QString, entry);
     SysSettings settings(writeIni("[aliases]\nid_2=gen\nid_3=g\nid_10=out\n"));
-    const QStringList result = kind == "c"
+    const QStringList result = kind == 'c'
         ? settings.replaceAliasesToId({entry, entry}, "id_", ";", "")
-        : kind == "a" ? settings.replaceAliasesToId({entry, entry}, "actid_", ",", "act:")
-                      : settings.replaceAliasesToId({entry, entry}, "", ",", "");
+        : settings.replaceAliasesToId({entry, entry}, "actid_", ",", "act:");
     QFETCH(QString, expected);
     QCOMPARE(result, QStringList({expected, expected}));
 }
@@ -242,12 +192,13 @@ void tst_SysSettings::commentFilter()
     QCOMPARE(settings.childKeys(), QStringList {"k"});
     QCOMPARE(settings.childGroups(), QStringList {"sub"});
     QCOMPARE(settings.allKeys(), QStringList({"k", "sub/y"}));
-    settings.endGroup();
 }
 
 void tst_SysSettings::elementsAndConnections()
 {
     SysSettings settings(fixture);
+    // Text reads join what an unquoted comma split, blanks around the commas lost.
+    QCOMPARE(settings.readVersion(), "2.0,beta");
     QCOMPARE(settings.readMenus(), QStringList({"file", "view"}));
     QCOMPARE(settings.readToolBarName("main"), "Main,tools");
     QStringList actions = settings.readActions();
@@ -273,19 +224,15 @@ void tst_SysSettings::beginGroupModuleAuto_data()
     QTest::addColumn<QString>("expected");
 
     QTest::newRow("alias") << "" << 2 << "gen";
-    QTest::newRow("alias in the map only, not in the file") << "" << 7 << "id_7";
     QTest::newRow("no aliases group below") << "widgets" << 2 << "widgets/id_2";
     QTest::newRow("nested aliases group") << "local" << 2 << "local/near";
-    QTest::newRow("commented-out aliases group") << "hidden" << 2 << "hidden/id_2";
     QTest::newRow("empty alias") << "local" << 5 << "local/id_5";
 }
 
 void tst_SysSettings::beginGroupModuleAuto()
 {
-    // Module 7's alias comes from a key that the file's "id_7" lookup does not see.
-    SysSettings settings(writeIni("[aliases]\nid_2=gen\nzz_7=scope\n[widgets]\nid_2\\a=1\n"
-                                  "[local]\naliases\\id_2=near\naliases\\id_5=\n"
-                                  "[hidden]\n#aliases\\id_2=far\n"));
+    SysSettings settings(writeIni("[aliases]\nid_2=gen\n[widgets]\nid_2\\a=1\n"
+                                  "[local]\naliases\\id_2=near\naliases\\id_5=\n"));
     QFETCH(QString, outer);
     if (!outer.isEmpty())
         settings.beginGroup(outer);
@@ -294,27 +241,6 @@ void tst_SysSettings::beginGroupModuleAuto()
     QTEST(settings.group(), "expected");
     settings.endGroup();
     QCOMPARE(settings.group(), outer);
-}
-
-void tst_SysSettings::groupsBalanced()
-{
-    SysSettings settings(fixture);
-    settings.beginGroup("outer");
-    // One read for each way the reads open groups.
-    Options options;
-    const QList<std::function<void()>> calls {
-        [&] { settings.getTitle(); },          [&] { settings.readMenuName("file"); },
-        [&] { settings.readMenus(); },         [&] { settings.isModuleNameContains(5); },
-        [&] { settings.readModuleThread(2); }, [&] { settings.readModuleSetting(2, &options); },
-        [&] { settings.readActions(); },       [&] { settings.readToolBarsActions("main"); },
-        [&] { settings.readConnections(); },
-    };
-    for (int i = 0; i < calls.size(); ++i) {
-        calls.at(i)();
-        QVERIFY2(settings.group() == "outer", qPrintable(QString::number(i)));
-    }
-    settings.endGroup();
-    QCOMPARE(settings.getTitle(), "Rig - Bench 1; north wall");
 }
 
 void tst_SysSettings::exampleFile()
@@ -331,11 +257,8 @@ void tst_SysSettings::exampleFile()
         QCOMPARE(settings.readModuleThread(id), threads.at(id));
     }
     QVERIFY(!settings.isModuleNameContains(names.size()));
-    QCOMPARE(settings.readToolBarsActions("main"), QStringList({"0,start", "4,quit"}));
     const QStringList connections = settings.readConnections();
     QCOMPARE(connections.size(), 14);
-    QCOMPARE(connections.first(),
-             "id_0;signal_ImReady(QVariantList);id_1;slot_StartProcessing(QVariantList)");
     QCOMPARE(connections.last(), "actid_4,stay;actcancelquit");
 }
 
@@ -375,7 +298,6 @@ void tst_SysSettings::damagedValue()
     QCOMPARE(finding.fileName, path);
     QCOMPARE(finding.line, 3);
     QVERIFY(!finding.reason.isEmpty());
-    QCOMPARE(settings.fileName(), path);
     QCOMPARE(settings.readConnections(), QStringList({"id_0;out;id_1;in", "id_1;out;id_2;in"}));
     QCOMPARE(settings.getTitle(), "Rig - ");
 
@@ -394,15 +316,10 @@ void tst_SysSettings::soundVariantsKept()
                            {"colour", QColor(10, 20, 30)},
                            {"when", QDateTime(QDate(2024, 5, 1), QTime(12, 0), Qt::UTC)},
                            {"bytes", QByteArray("\0\1)", 3)}};
-    {
-        QSettings writer(path, QSettings::IniFormat);
-        writer.setValue("modules/id_0/map", map);
-        writer.setValue("modules/id_0/when", map.value("when"));
-    }
+    QSettings(path, QSettings::IniFormat).setValue("modules/id_0/map", map);
     SysSettings settings(path);
     QVERIFY(settings.damagedValues().isEmpty());
     QCOMPARE(settings.readModuleOption(0, "map").toMap(), map);
-    QCOMPARE(settings.readModuleOption(0, "when"), map.value("when"));
 }
 
 QTEST_GUILESS_MAIN(tst_SysSettings)

@@ -1,7 +1,6 @@
 #include <wssettings.h>
 #include <ztmifound.h>
 
-#include <QColor>
 #include <QFile>
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -18,8 +17,6 @@ class tst_WSSettings : public QObject
 
 private slots:
     void initTestCase() { QVERIFY(dir.isValid()); }
-    void optionRoundTrip_data();
-    void optionRoundTrip();
     void saveClearsOldGroups();
     void readMergesIdAndAliasGroups();
     void allModules();
@@ -50,37 +47,6 @@ QString tst_WSSettings::fileText(const QString &file)
     return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
 }
 
-void tst_WSSettings::optionRoundTrip_data()
-{
-    QTest::addColumn<QVariant>("value");
-    QTest::newRow("string with separators") << QVariant(QStringLiteral("a;b,c \"d\" = e"));
-    QTest::newRow("string list") << QVariant(QStringList({"fast", "slow", "a,b"}));
-    QTest::newRow("byte array") << QVariant(QByteArray("\x00\x01\xff;,", 5));
-    QTest::newRow("colour") << QVariant(QColor(10, 20, 30, 40));
-}
-
-void tst_WSSettings::optionRoundTrip()
-{
-    QFETCH(QVariant, value);
-    const QString file = path();
-    Options saved {{"option", value}, {".alias", "id_3"}, {".thread", 2}};
-    {
-        WSSettings store(file);
-        QVERIFY(store.saveModuleSetting(3, &saved));
-        // Synced at once, and nothing under a key that starts with ".".
-        const QString text = fileText(file);
-        QVERIFY2(text.contains("id_3\\option=") && !text.contains("\\."), qPrintable(text));
-    }
-    // What came from the system settings file keeps its values.
-    Options read {{".alias", "id_3"}, {".thread", 0}};
-    WSSettings store(file);
-    QVERIFY(store.readModuleSetting(3, &read));
-    QCOMPARE(read.value(".thread"), QVariant(0));
-    QVariant back = read.value("option");
-    QVERIFY(back.convert(value.userType()));
-    QCOMPARE(back, value);
-}
-
 void tst_WSSettings::saveClearsOldGroups()
 {
     const QString file = path("[modules]\nid_2\\old=1\nid_3\\keep=3\ngen\\stale=4\n"
@@ -96,12 +62,13 @@ void tst_WSSettings::saveClearsOldGroups()
     QVERIFY(!store.saveModuleSetting(0, static_cast<ModuleOptions *>(nullptr)));
     QCOMPARE(store.group(), QString());
 
+    // Synced at once; nothing under a key that starts with ".", as those come from the system
+    // settings file.
     const QString text = fileText(file);
-    QVERIFY2(!text.contains("old") && !text.contains("stale") && !text.contains("nested"),
+    QVERIFY2(!text.contains("old") && !text.contains("stale") && !text.contains("nested")
+                 && text.contains("gen\\rate=20") && !text.contains("\\.")
+                 && text.contains("id_3\\keep=3") && text.contains("id_4\\mine=2"),
              qPrintable(text));
-    store.beginGroup("modules");
-    QCOMPARE(store.childGroups(), QStringList({"gen", "geometry", "id_3", "id_4"}));
-    store.endGroup();
     // Module geometry under "modules" is not a module group and survives.
     QCOMPARE(store.readModuleGeometry(2, "main"), QByteArray("x"));
 }
@@ -136,18 +103,15 @@ void tst_WSSettings::allModules()
     read[1].insert(".alias", "second");
     read[2].insert("untouched", true);
     const auto pointers = [](QList<ModuleOptions> &list) {
-        QList<ModuleOptions *> result {&list[0], &list[1], nullptr, &list[3]};
-        return result;
+        return QList<ModuleOptions *> {&list[0], &list[1], nullptr, &list[3]};
     };
 
     const QString file = path();
     {
         WSSettings store(file);
         QVERIFY(store.saveAllModulesSetting(pointers(saved)));
-        store.beginGroup("modules");
-        QCOMPARE(store.childGroups(), QStringList({"id_0", "id_3", "second"}));
-        store.endGroup();
     }
+    QVERIFY(fileText(file).contains("second\\id=1") && !fileText(file).contains("id_1\\"));
     WSSettings store(file);
     QVERIFY(store.readAllModulesSetting(pointers(read)));
     QCOMPARE(store.group(), QString());
