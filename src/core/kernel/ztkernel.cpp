@@ -5,12 +5,14 @@
 #include "logger.h"
 #include "optisync.h"
 #include "propagator.h"
+#include "settingsfinding.h"
 #include "syssettings.h"
 #include "threadlauncher.h"
 #include "ztliblevelinterface.h"
 #include "ztmiextended.h"
 #include "ztmifound.h"
 #include "ztmistream.h"
+#include "ztmodulemetadata.h"
 
 #include <QCoreApplication>
 #include <QDebug>
@@ -162,6 +164,13 @@ int ZtKernel::setSysSettings(SysSettings *settings)
     const QString name = sysSettings->getSysSettingFileName();
     log(tr("Read config from ") + name, 1);
     KDEBUG << "Read config from" << name;
+    // Values the settings reader refused as damaged read as absent; the log says where they are.
+    for (const SettingsFinding &finding : sysSettings->damagedValues())
+        log(tr("Damaged value ignored: %1:%2, key \"%3\": %4")
+                .arg(finding.fileName)
+                .arg(finding.line)
+                .arg(finding.key, finding.reason),
+            2);
     return 0;
 }
 
@@ -250,6 +259,14 @@ int ZtKernel::loadModules(QString dir)
             continue;
         }
         record.library = library;
+        // The metadata embedded at build time is what tools read without loading the library;
+        // a library whose own answers differ is loaded as it answers, with a warning.
+        const QStringList differences
+            = ZtModuleMetaData::fromPluginMetaData(loader.metaData()).disagreements(*library);
+        if (!differences.isEmpty())
+            log(tr("Metadata of %1 disagrees with the library: %2")
+                    .arg(name, differences.join(QStringLiteral("; "))),
+                3);
         const QString interfaceType = library->getInterfaceType();
         record.type = typeOfInterface(interfaceType);
 
