@@ -11,9 +11,3 @@ if(ZTCORE_SANITIZE)
                       -fno-sanitize-recover=undefined)
   add_link_options(-fsanitize=${ZTCORE_SANITIZE})
 endif()
-
-# Module libraries are always found as "<lower-case name>.dll", on every platform: the kernel
-# builds the file name that way. Plug-ins built by this project follow the same rule.
-function(ztcore_module_library target)
-  set_target_properties(${target} PROPERTIES PREFIX "" SUFFIX ".dll")
-endfunction()
