@@ -148,6 +148,7 @@ void tst_ZtKernel::init()
 
 void tst_ZtKernel::loading()
 {
+    QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^Damaged value ignored: "));
     Rig rig(fixture(QStringLiteral("loading.ini")));
     ThreadLauncher *launcher = rig.kernel->getThreadLauncher();
     QCOMPARE(rig.kernel->loadModules(moduleDir), 0);
@@ -175,9 +176,13 @@ void tst_ZtKernel::loading()
                                           "(%3 builded:%4)\n\t\n");
     const QString refused = QStringLiteral("(MM) <stamp> null:    %1\n");
     const QString expectedLog
-        = QStringLiteral("\n\n==============================     <stamp>      "
-                         "=============================\n"
-                         "(CC) <stamp> null:    Read config from kernel test rig\n")
+        = QStringLiteral(
+              "\n\n==============================     <stamp>      "
+              "=============================\n"
+              "(CC) <stamp> null:    Read config from kernel test rig\n"
+              "(EE) <stamp> null:    Damaged value ignored: %1:43, key \"id_8\\limits\": "
+              "an element count runs past the end of the value\n")
+              .arg(rig.dir.filePath(QStringLiteral("settings.ini")))
         + loaded.arg("TestStream", hexAddress(launcher->threadAt(3)), "1.4.2", "03.02.2024")
         + refused.arg("can't load Missing plugin, file not exists")
         + loaded.arg("TestExtended", hexAddress(launcher->threadAt(1)), "0.9", "11.12.2023")
@@ -185,6 +190,11 @@ void tst_ZtKernel::loading()
         + loaded.arg("TestStream", hexAddress(gui), "1.4.2", "03.02.2024")
         + refused.arg("Unknown interface ZtMIMystery of module unknown-fixture")
         + refused.arg("can't load Broken plugin") + refused.arg(broken.errorString())
+        + QStringLiteral(
+              "(WW) <stamp> null:    Metadata of TestInitFail disagrees with the library: "
+              "name: \"testinitfail\" in the metadata, \"initfail-fixture\" from the "
+              "library; kind: \"fixture\" in the metadata, \"broken start\" from the "
+              "library; version: \"1.0.0\" in the metadata, \"0.0.1\" from the library\n")
         + loaded.arg("TestInitFail", hexAddress(gui), "0.0.1", "29.02.2024")
         + refused.arg("can't load TestForeign plugin")
         + refused.arg("the plugin does not implement " ZtLibLevelInterface_iid);
