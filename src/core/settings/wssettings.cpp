@@ -1,7 +1,7 @@
 #include "wssettings.h"
 
+#include "moduleoptions.h"
 #include "settingsfilecheck_p.h"
-#include "ztmifound.h"
 
 #include <QDebug>
 #include <QSaveFile>
