@@ -398,6 +398,7 @@ void tst_Propagator::feedbackRoundTrips()
     TestThread ppg, serverThread;
     PropagatorFeedbackDirect direct;
     PropagatorFeedback *p = &direct;
+    std::unique_ptr<Server> directServer;
     QAtomicInt wrong;
     if (concurrent) {
         // As the kernel wires it: the propagator in a thread of its own, the server in another,
@@ -411,7 +412,7 @@ void tst_Propagator::feedbackRoundTrips()
         requester->start();
         QVERIFY(requester->wait(Patience));
     } else {
-        new Server(&direct);
+        directServer.reset(new Server(&direct));
         const QRegularExpression warning("^read(List)?Later can work insufficient in Direct");
         for (int i = 0; i < 3; ++i) // readLater once, readListLater twice
             QTest::ignoreMessage(QtWarningMsg, warning);
