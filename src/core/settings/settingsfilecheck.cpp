@@ -331,12 +331,12 @@ private:
     {
         if (!skip(version < QDataStream::Qt_5_0 ? 4 : 8) || !skip(4) || !need(1))
             return false;
-        const int spec = data.at(pos++);
+        const int timeSpec = data.at(pos++);
         if (version < QDataStream::Qt_5_2)
             return true;
-        if (spec == Qt::OffsetFromUTC)
+        if (timeSpec == Qt::OffsetFromUTC)
             return skip(4);
-        if (spec == Qt::TimeZone)
+        if (timeSpec == Qt::TimeZone)
             return timeZone();
         return true;
     }
