@@ -545,3 +545,43 @@ void ZtKernel::updateWidgets()
 {
     KernelWindow(this).updateWidgets();
 }
+
+QList<ModuleLoadRecord> ZtKernel::loadRecords() const
+{
+    return {};
+}
+
+QList<StartupPhase> ZtKernel::startupPhases() const
+{
+    return {};
+}
+
+QList<ChannelRow> ZtKernel::channelRows() const
+{
+    return {};
+}
+
+void ZtKernel::setShutdownTimeout(int msecs)
+{
+    Q_UNUSED(msecs)
+}
+
+int ZtKernel::shutdownTimeout() const
+{
+    return 3000;
+}
+
+QString ModuleLoadRecord::stageText(Stage stage)
+{
+    switch (stage) {
+    case NotLoaded: return QStringLiteral("not loaded");
+    case FileMissing: return QStringLiteral("file missing");
+    case NotAPlugin: return QStringLiteral("not a plug-in");
+    case UnknownInterface: return QStringLiteral("unknown interface type");
+    case NoInstance: return QStringLiteral("no instance");
+    case Created: return QStringLiteral("created");
+    case Initialised: return QStringLiteral("initialised");
+    case InitFailed: return QStringLiteral("init returned false");
+    }
+    return QString();
+}

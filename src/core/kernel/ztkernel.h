@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ztcore_export.h"
+#include "ztkernelrecords.h"
 
 #include <QByteArray>
 #include <QList>
@@ -99,6 +100,17 @@ public:
     ThreadLauncher *getThreadLauncher() const;
     Logger *getLoggerObject() const;
     SysSettings *getSysSettings() const;
+
+    // One record per configured module number, in number order.
+    QList<ModuleLoadRecord> loadRecords() const;
+    // The start-up steps timed so far, in the order they ran.
+    QList<StartupPhase> startupPhases() const;
+    // One row per connection entry made by makeConnections, with its channel's counters now.
+    QList<ChannelRow> channelRows() const;
+    // How long the worker-thread modules' final() and return to the GUI thread may take at
+    // shutdown, all together ([mainwindow] shutdowntimeout, default 3000 ms).
+    void setShutdownTimeout(int msecs);
+    int shutdownTimeout() const;
 
 signals:
     void actStart();

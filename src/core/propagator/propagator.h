@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ztcore_export.h"
+#include "channelcounters.h"
 
 #include <QList>
 #include <QMutex>
@@ -36,9 +37,15 @@ public:
     void appendLocker(ModLocker *locker);
     QList<ModLocker *> getLockers() const;
 
+    // The channel's counters, updated by the threads that use it. stats() copies them; the
+    // concurrent stream propagators add their queue and latency figures.
+    ChannelCounters &counters();
+    virtual ChannelStats stats() const;
+
 protected:
     Propagator::PropagatorType type;
     Propagator *child; // not owned
     QMutex mutex;
     QList<ModLocker *> lockers; // not owned
+    ChannelCounters m_counters;
 };

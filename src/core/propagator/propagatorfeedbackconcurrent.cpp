@@ -282,3 +282,15 @@ bool PropagatorFeedbackConcurrent::accept(Channel &channel)
     ++channel.answered;
     return channel.waiting != 0 && channel.answered == channel.ticket;
 }
+
+void PropagatorFeedbackConcurrent::setRequestTimeout(int msecs)
+{
+    Q_UNUSED(msecs)
+}
+
+void PropagatorFeedbackConcurrent::setServerThread(QThread *thread)
+{
+    Q_UNUSED(thread)
+}
+
+void PropagatorFeedbackConcurrent::close() { }

@@ -7,6 +7,7 @@
 #include <QSemaphore>
 
 class QEvent;
+class QThread;
 class TsanMutexLocker;
 
 // Requester and server in different threads. The kernel moves the propagator to the thread
@@ -57,6 +58,16 @@ public:
     QVariantList waitLaterReadList(int msecs, bool *ok) override;
 
     bool event(QEvent *e) override;
+
+    // A blocking request that is not answered within `msecs` (> 0) returns the error answer
+    // (empty data, -1), is counted and warned about; its late answer is dropped. 0: no limit.
+    void setRequestTimeout(int msecs);
+    // The thread of the server (the receiver of the try* signals), so that a blocking request
+    // from there is refused at once instead of waiting for ever. Set while wiring.
+    void setServerThread(QThread *thread);
+    // Releases every blocked requester with the error answer and refuses later blocking
+    // requests (shutdown, or a server that hung).
+    void close();
 
 protected:
     QSemaphore readSem; // one permit per read answer not yet collected

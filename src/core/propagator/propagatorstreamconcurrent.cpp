@@ -84,3 +84,11 @@ void PropagatorStreamConcurrent::recvSendList(const QVariantList &list)
     emit trySendList(list);
     unlockExtended(lockers);
 }
+
+void PropagatorStreamConcurrent::setQueueLimit(int limit, QueuePolicy policy)
+{
+    Q_UNUSED(limit)
+    Q_UNUSED(policy)
+}
+
+void PropagatorStreamConcurrent::close() { }

@@ -18,6 +18,16 @@ public:
     // A concurrent propagator never has a child.
     bool setChild(Propagator *child) override;
 
+    enum QueuePolicy { Block, Drop };
+    // Bounds the deliveries posted and not yet run in the consumers' threads (0: no bound, as
+    // before). Block: the producer waits, before it takes any lock, until the consumer caught
+    // up (the wait ends on close()); Drop: the newest list or array is dropped and counted.
+    // Set while wiring, before traffic flows.
+    void setQueueLimit(int limit, QueuePolicy policy);
+    // Ends every wait of a producer for good (shutdown); later sends are delivered or dropped
+    // according to the policy but never wait.
+    virtual void close();
+
 public slots:
     void send(const QByteArray &byteArray) override;
     void sendList(const QVariantList &list) override;

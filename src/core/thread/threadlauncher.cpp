@@ -114,3 +114,9 @@ void ThreadLauncher::setPpgThread(QThread *th)
 {
     ppgThread = th;
 }
+
+void ThreadLauncher::setThreadModules(int number, const QStringList &modules)
+{
+    Q_UNUSED(number)
+    Q_UNUSED(modules)
+}

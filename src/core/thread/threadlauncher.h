@@ -6,6 +6,7 @@
 #include <QList>
 #include <QObject>
 #include <QPointer>
+#include <QStringList>
 
 class QThread;
 
@@ -34,6 +35,10 @@ public:
     // The propagator thread; processes events until it has announced itself.
     QThread *getPpgThread();
     int threadCount() const;
+    // Names thread `number` after the modules that live on it ("zt2 gen,gain"): the QThread's
+    // object name and the operating system's thread name, so that top -H and debuggers show it.
+    // The launcher names these modules again before it has to terminate the thread.
+    void setThreadModules(int number, const QStringList &modules);
 
 signals:
     void quitThreads();

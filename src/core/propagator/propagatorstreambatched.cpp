@@ -1,0 +1,5 @@
+#include "propagatorstreambatched.h"
+
+PropagatorStreamBatched::PropagatorStreamBatched(QObject *parent)
+    : PropagatorStreamConcurrent(parent)
+{ }
