@@ -1,6 +1,7 @@
 #include "modbusrig.h"
 
 #include <propagatorfeedbackconcurrent.h>
+#include <propagatorfeedbackdirect.h>
 #include <propagatorstreamdirect.h>
 #include <ztdataarray.h>
 #include <ztdatawrapper.h>
@@ -128,6 +129,7 @@ class tst_ModbusMaster : public QObject
 private slots:
     void requests_data();
     void requests();
+    void sameThreadRequester();
     void polling();
     void exceptionIsLogged();
     void reconnects();
@@ -228,6 +230,33 @@ void tst_ModbusMaster::requests()
             held.append(int(v));
         QCOMPARE(held, stored);
     }
+}
+
+// A requester in the master's own thread is wired with a direct propagator: its call returns
+// with the answer although the device answers later.
+void tst_ModbusMaster::sameThreadRequester()
+{
+    const quint16 port = freePort();
+    Device device(port);
+    PropagatorFeedbackDirect regs;
+    ModuleRig rig(QStringLiteral("modbusmaster.dll"), masterOptions(port));
+    rig.plug(QStringLiteral("regs"), &regs, true);
+    QVERIFY(rig.start());
+    QTRY_COMPARE(rig.logged("connected"), 1);
+
+    qlonglong written = 0;
+    QVariantList answer;
+    QVERIFY(runElsewhere([&] {
+        QMetaObject::invokeMethod(
+            rig.module,
+            [&] {
+                written = regs.writeList({3, 4, 40, 41});
+                answer = regs.readList(pos(3, 3, 3));
+            },
+            Qt::BlockingQueuedConnection);
+    }));
+    QCOMPARE(written, 2);
+    QCOMPARE(answer, QVariantList({0, 40, 41}));
 }
 
 // Each register of the polled blocks is a curve of its own, named after its table and address.
