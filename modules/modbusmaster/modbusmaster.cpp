@@ -317,7 +317,7 @@ void ModbusMaster::applyOptions()
                        .arg(device(), error)
                        .arg(blocks.size()),
                    Logger::Warning);
-    } else if (pollOutstanding == 0) {
+    } else {
         blocks = parsed;
         pollProblems = QStringList();
         for (int i = 0; i < blocks.size(); ++i)
@@ -612,6 +612,7 @@ void ModbusMaster::pollNow()
     // A round still on its way (a slow device) is not overtaken by the next one.
     if (pollOutstanding > 0 || !client || client->state() != QModbusDevice::ConnectedState)
         return;
+    roundBlocks = blocks;
     pollResults = QVector<std::optional<QVector<quint16>>>(blocks.size());
     pollOutstanding = blocks.size();
     for (int i = 0; i < blocks.size(); ++i) {
@@ -638,8 +639,8 @@ void ModbusMaster::pollBlockDone(int index, bool ok, const QVector<quint16> &val
     const double t = QTime::currentTime().msecsSinceStartOfDay() / 1000.0;
     ZtDataArray round;
     int curveIndex = 0;
-    for (int b = 0; b < pollResults.size() && b < blocks.size(); ++b) {
-        const ModbusBlock &block = blocks.at(b);
+    for (int b = 0; b < pollResults.size(); ++b) {
+        const ModbusBlock &block = roundBlocks.at(b);
         if (!pollResults.at(b))
             continue;
         const QVector<quint16> &values = *pollResults.at(b);

@@ -106,6 +106,7 @@ private:
     QEventLoop *directWait = nullptr; // a same-thread requester waits in here
 
     QList<ModbusBlock> blocks; // the `poll` option
+    QList<ModbusBlock> roundBlocks; // the blocks of the round on its way (`poll` may change)
     QVector<std::optional<QVector<quint16>>> pollResults; // this round's answers, by block
     QStringList pollProblems; // last failure per block, so that a lasting one is logged once
     int pollOutstanding = 0;
