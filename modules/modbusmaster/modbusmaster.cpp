@@ -435,7 +435,10 @@ void ModbusMaster::replyFinished(QModbusReply *reply)
         ok = true;
         break;
     case QModbusDevice::ProtocolError: {
-        const int code = reply->rawResult().exceptionCode();
+        // An exception answer's data is its code; QModbusPdu's own accessors read the function
+        // code field, which QModbusClient fills sign-extended (0xffffff83), out of its enum.
+        const QByteArray data = reply->rawResult().data();
+        const int code = data.isEmpty() ? 0 : static_cast<quint8>(data.at(0));
         problem = QStringLiteral("Modbus exception %1 (%2) for %3 from unit %4")
                       .arg(code)
                       .arg(exceptionText(code), what)

@@ -6,6 +6,7 @@
 #include <ztdataxy.h>
 #include <ztdatay.h>
 
+#include <QCoreApplication>
 #include <QModbusDataUnitMap>
 #include <QUrl>
 
@@ -223,6 +224,11 @@ void ModbusServer::final()
         return;
     disconnect(streams.value(QStringLiteral("in")), nullptr, this, nullptr);
     server->disconnectDevice();
+    // QModbusTcpServer frees a connection's buffer when the closed socket reports it, in this
+    // thread's event loop: let that run before the server goes. Only this thread's events run
+    // here, and "in" is no longer connected.
+    QCoreApplication::processEvents();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     delete server;
     server = nullptr;
 }

@@ -59,6 +59,14 @@ public:
         server.connectDevice();
     }
 
+    // QModbusTcpServer frees a connection's buffer only when it sees the socket close.
+    ~Device()
+    {
+        server.disconnectDevice();
+        QCoreApplication::processEvents();
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    }
+
     Words values(QModbusDataUnit::RegisterType type, int address, int count)
     {
         QModbusDataUnit unit(type, address, static_cast<quint16>(count));
