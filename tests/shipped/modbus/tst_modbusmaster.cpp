@@ -255,13 +255,10 @@ void tst_ModbusMaster::sameThreadRequester()
     qlonglong written = 0;
     QVariantList answer;
     QVERIFY(runElsewhere([&] {
-        QMetaObject::invokeMethod(
-            rig.module,
-            [&] {
-                written = regs.writeList({3, 4, 40, 41});
-                answer = regs.readList(pos(3, 3, 3));
-            },
-            Qt::BlockingQueuedConnection);
+        callIn(rig.module, [&] {
+            written = regs.writeList({3, 4, 40, 41});
+            answer = regs.readList(pos(3, 3, 3));
+        });
     }));
     QCOMPARE(written, 2);
     QCOMPARE(answer, QVariantList({0, 40, 41}));
