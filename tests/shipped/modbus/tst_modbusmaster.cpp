@@ -141,7 +141,8 @@ private slots:
     void polling();
     void exceptionIsLogged();
     void reconnects();
-    void silentDevice();
+    void unansweredRequests_data();
+    void unansweredRequests();
     void badOptions_data();
     void badOptions();
 };
@@ -324,22 +325,45 @@ void tst_ModbusMaster::reconnects()
     QCOMPARE(master.rig.logged("connection lost"), 1);
 }
 
-// A peer that accepts the connection and never answers: the request still gets its error answer.
-void tst_ModbusMaster::silentDevice()
+void tst_ModbusMaster::unansweredRequests_data()
 {
-    QTcpServer silent;
-    QVERIFY(silent.listen(QHostAddress::LocalHost, 0));
-    QList<QTcpSocket *> accepted;
-    connect(&silent, &QTcpServer::newConnection, &silent,
-            [&] { accepted.append(silent.nextPendingConnection()); });
-    Master master(masterOptions(silent.serverPort(), {{"timeout", 100}, {"retries", 2}}));
+    QTest::addColumn<bool>("hangUp");
+    QTest::addColumn<QVariantMap>("options");
+    QTest::addColumn<int>("losses");
+
+    // Keeps the connection and never answers: each request ends at its deadline.
+    QTest::newRow("silent peer") << false << QVariantMap {{"timeout", 100}, {"retries", 2}} << 0;
+    // Reads the request and hangs up: the request is failed with the connection, not left to a
+    // deadline that lies far beyond the end of the test.
+    QTest::newRow("peer hangs up")
+        << true << QVariantMap {{"timeout", 600000}, {"retries", 0}} << 1;
+}
+
+// Requests the device leaves unanswered still get their error answer.
+void tst_ModbusMaster::unansweredRequests()
+{
+    QFETCH(bool, hangUp);
+    QFETCH(QVariantMap, options);
+    QFETCH(int, losses);
+
+    QTcpServer peer;
+    QVERIFY(peer.listen(QHostAddress::LocalHost, 0));
+    connect(&peer, &QTcpServer::newConnection, &peer, [&] {
+        QTcpSocket *socket = peer.nextPendingConnection();
+        if (hangUp)
+            connect(socket, &QTcpSocket::readyRead, socket, &QTcpSocket::abort);
+    });
+    Master master(masterOptions(peer.serverPort(), options));
     QVERIFY(master.rig.start());
     QTRY_COMPARE(master.rig.logged("connected"), 1);
 
     QCOMPARE(master.readList(pos(3, 0, 1)), QVariantList());
-    QVariant written;
-    QVERIFY(runElsewhere([&] { written = master.regs.writeList({3, 0, 1}); }));
-    QCOMPARE(written, QVariant(-1LL));
+    QTRY_COMPARE(master.rig.logged("connection lost"), losses);
+    if (!hangUp) {
+        QVariant written;
+        QVERIFY(runElsewhere([&] { written = master.regs.writeList({3, 0, 1}); }));
+        QCOMPARE(written, QVariant(-1LL));
+    }
 }
 
 void tst_ModbusMaster::badOptions_data()
