@@ -95,7 +95,13 @@ ModbusMaster::ModbusMaster(int id, QObject *parent)
     : ZtMIExtended(id, parent)
 { }
 
-ModbusMaster::~ModbusMaster() = default;
+// Normally final() has run. If not, the client (a child) goes down with the base object and
+// must not report its last state change to a half-destroyed module.
+ModbusMaster::~ModbusMaster()
+{
+    if (client)
+        client->disconnect(this);
+}
 
 void ModbusMaster::initOptions()
 {
