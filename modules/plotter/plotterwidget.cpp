@@ -125,6 +125,8 @@ PlotterWidget::PlotterWidget(Plotter *plotter, QWidget *parent)
     canvas->setLineWidth(1);
     plot->setCanvas(canvas);
     plot->setCanvasBackground(Qt::white);
+    // Room for the legend's frames and the last time label at the right edge.
+    plot->setContentsMargins(0, 0, 8, 0);
     plot->plotLayout()->setAlignCanvasToScales(true);
     // Time labels are wide: fewer of them.
     plot->setAxisMaxMajor(QwtPlot::xBottom, 6);
