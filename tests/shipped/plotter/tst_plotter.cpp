@@ -42,7 +42,6 @@ struct Rig
         QVERIFY(
             QMetaObject::invokeMethod(module.get(), "StartProcessing", Q_ARG(QVariantList, list)));
     }
-    QAction *action(const QString &name) const { return module->getActions()->value(name); }
 
     QwtPlotCurve *curve(const QString &title) const
     {
@@ -82,36 +81,25 @@ static QVariantList block(const QList<ZtDataArray> &curves)
     return ZtDataWrapper::convArrayToList(b);
 }
 
-// Empty when the ticks are evenly spaced multiples of 1, 2 or 5 x 10^k; else what is wrong.
+// Empty when the ticks are multiples of one step of 1, 2 or 5 x 10^k; else the ticks. The step
+// is taken as the round number nearest to the measured one: ticks carry rounding noise.
 static QString roundnessError(const QList<double> &ticks)
 {
-    if (ticks.size() < 2)
-        return QString("only %1 major ticks").arg(ticks.size());
-    // The ticks carry rounding noise of their magnitude: take the step as the round number
-    // nearest to the measured one, and fail if none is near.
-    const double measured = ticks.at(1) - ticks.at(0);
+    QString error = ticks.size() < 2 ? "too few" : QString();
+    const double measured = ticks.value(1) - ticks.value(0);
     const double decade = std::pow(10.0, std::floor(std::log10(measured) + 1e-9));
-    double step = 0.0;
-    for (double m : {1.0, 2.0, 5.0, 10.0}) {
-        if (std::abs(measured / decade - m) < 1e-6)
-            step = m * decade;
-    }
-    if (step == 0.0)
-        return QString("step %1").arg(measured, 0, 'g', 17);
+    const double mantissa = std::round(measured / decade);
+    if (std::abs(measured / decade - mantissa) > 1e-6
+        || !QList<double>({1, 2, 5, 10}).contains(mantissa))
+        error = "uneven or no round step";
     for (double tick : ticks) {
-        const double k = tick / step;
+        const double k = tick / (mantissa * decade);
         if (std::abs(k - std::round(k)) > 1e-6)
-            return QString("tick %1 is not a multiple of %2").arg(tick, 0, 'g', 17).arg(step);
+            error = "not multiples of the step";
     }
-    return QString();
-}
-
-static QString listed(const QList<double> &values)
-{
-    QStringList texts;
-    for (double v : values)
-        texts << QString::number(v, 'g', 12);
-    return texts.join(' ');
+    for (double tick : ticks)
+        error += QLatin1Char(' ') + QString::number(tick, 'g', 12);
+    return error.startsWith(' ') ? QString() : error;
 }
 
 class tst_Plotter : public QObject
@@ -126,7 +114,6 @@ private slots:
     void pauseFreezesAndResumeCatchesUp();
     void legendTogglesCurve();
     void zoomLeavesLiveViewUntilZoomedBack();
-    void captionShowsSynchronisedOptions();
 
 private:
     // options: name, value pairs, as the settings file would set them before start.
@@ -238,17 +225,15 @@ void tst_Plotter::roundTicksWhateverTheRange()
 
     const QwtScaleDiv x = rig.plot->axisScaleDiv(QwtPlot::xBottom);
     const QwtScaleDiv y = rig.plot->axisScaleDiv(QwtPlot::yLeft);
-    const QList<double> xTicks = x.ticks(QwtScaleDiv::MajorTick);
-    const QList<double> yTicks = y.ticks(QwtScaleDiv::MajorTick);
-    const QString ticks = QString("x ticks: %1; y ticks: %2").arg(listed(xTicks), listed(yTicks));
-    QVERIFY2(roundnessError(xTicks).isEmpty(), qPrintable(roundnessError(xTicks) + "; " + ticks));
-    QVERIFY2(roundnessError(yTicks).isEmpty(), qPrintable(roundnessError(yTicks) + "; " + ticks));
+    const QString xError = roundnessError(x.ticks(QwtScaleDiv::MajorTick));
+    const QString yError = roundnessError(y.ticks(QwtScaleDiv::MajorTick));
+    QVERIFY2(xError.isEmpty(), qPrintable("x: " + xError));
+    QVERIFY2(yError.isEmpty(), qPrintable("y: " + yError));
     // The x window is the span up to the newest point; the y range holds every value.
     QwtPlotCurve *v = rig.curve("v");
     QCOMPARE(x.upperBound(), v->maxXValue());
     QVERIFY(qAbs(x.range() - span) < 1e-9 * span);
-    QVERIFY2(y.lowerBound() <= v->minYValue() && y.upperBound() >= v->maxYValue(),
-             qPrintable(ticks));
+    QVERIFY(y.lowerBound() <= v->minYValue() && y.upperBound() >= v->maxYValue());
 }
 
 void tst_Plotter::pauseFreezesAndResumeCatchesUp()
@@ -261,7 +246,7 @@ void tst_Plotter::pauseFreezesAndResumeCatchesUp()
     QCOMPARE(rig.curve("a")->dataSize(), size_t(100));
     const QwtInterval before = rig.xRange();
 
-    QAction *pause = rig.action("pause");
+    QAction *pause = rig.module->getActions()->value("pause");
     QVERIFY(pause && pause->isCheckable());
     pause->trigger();
     rig.process(block({curve("a", QPen(Qt::red), 100, 10.0, 0.1, flat),
@@ -329,22 +314,6 @@ void tst_Plotter::zoomLeavesLiveViewUntilZoomedBack()
     rig.process(block({curve("a", QPen(Qt::red), 10, 15.0, 0.1, wave)}));
     rig.refresh();
     QCOMPARE(rig.xRange().maxValue(), 15.0 + 9 * 0.1);
-}
-
-void tst_Plotter::captionShowsSynchronisedOptions()
-{
-    Rig rig;
-    // As the demo's settings file declares them: extra options for the synchronisers to fill.
-    make(rig, {"title", "Signals", "caption", "{title} | gain {gain} | {nothing}", "gain", "1"});
-    QCOMPARE(rig.plot->title().text(), QString("Signals | gain 1 | {nothing}"));
-    QSignalSpy states(rig.module.get(), qOverload<QString, Logger::Level>(&ZtMIFound::state));
-    ModuleOptions sent;
-    sent.hash.insert("gain", 2.5);
-    sent.hash.insert("undeclared", 7);
-    rig.module->recvOptions(sent);
-    QCOMPARE(rig.plot->title().text(), QString("Signals | gain 2.5 | {nothing}"));
-    QCOMPARE(states.count(), 1);
-    QCOMPARE(states.at(0).at(0).toString(), QString("caption: Signals | gain 2.5 | {nothing}"));
 }
 
 QTEST_MAIN(tst_Plotter)
