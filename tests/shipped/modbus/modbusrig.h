@@ -9,7 +9,6 @@
 #include <ztmiextended.h>
 
 #include <QCoreApplication>
-#include <QDir>
 #include <QElapsedTimer>
 #include <QHostAddress>
 #include <QPluginLoader>
@@ -62,8 +61,9 @@ inline void callIn(QObject *target, const std::function<void()> &work)
 class ModuleRig
 {
 public:
-    ModuleRig(const QString &library, const QVariantMap &options)
-        : loader(QDir(QStringLiteral(ZT_MODULES_DIR)).filePath(library))
+    // The test's own module library (ZT_MODULE_LIBRARY, the file the build made).
+    explicit ModuleRig(const QVariantMap &options)
+        : loader(QStringLiteral(ZT_MODULE_LIBRARY))
     {
         auto *interface = qobject_cast<ZtLibLevelInterface *>(loader.instance());
         if (!interface) {

@@ -93,7 +93,7 @@ struct RunningThread : QThread
 struct Master
 {
     explicit Master(const QVariantMap &options)
-        : rig(QStringLiteral("modbusmaster.dll"), options)
+        : rig(options)
     {
         regs.moveToThread(&pgThread);
         pgThread.start();
@@ -248,7 +248,7 @@ void tst_ModbusMaster::sameThreadRequester()
     const quint16 port = freePort();
     Device device(port);
     PropagatorFeedbackDirect regs;
-    ModuleRig rig(QStringLiteral("modbusmaster.dll"), masterOptions(port));
+    ModuleRig rig(masterOptions(port));
     rig.plug(QStringLiteral("regs"), &regs, true);
     QVERIFY(rig.start());
     QTRY_COMPARE(rig.logged("connected"), 1);

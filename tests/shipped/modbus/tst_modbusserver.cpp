@@ -28,8 +28,7 @@ struct Server
 {
     explicit Server(QVariantMap options)
         : port(freePort())
-        , rig(QStringLiteral("modbusserver.dll"),
-              (options.insert(QStringLiteral("port"), port), options))
+        , rig((options.insert(QStringLiteral("port"), port), options))
     {
         rig.plug(QStringLiteral("in"), &in, false);
         rig.plug(QStringLiteral("writes"), &writes, false);
