@@ -32,6 +32,10 @@ public:
     void call(const std::function<void()> &work)
     {
         m_work = &work;
+        if (thread() == QThread::currentThread()) {
+            work();
+            return;
+        }
         tsanRelease(this);
         QMetaObject::invokeMethod(this, "run", Qt::BlockingQueuedConnection);
         tsanAcquire(this);
@@ -42,11 +46,14 @@ private slots:
     {
         tsanAcquire(this);
         (*m_work)();
+        // Back to the caller's thread, which destroys it.
+        moveToThread(m_origin);
         tsanRelease(this);
     }
 
 private:
     const std::function<void()> *m_work = nullptr;
+    QThread *const m_origin = QThread::currentThread();
 };
 
 inline void callIn(QObject *target, const std::function<void()> &work)
