@@ -88,8 +88,8 @@ HostOptions HostOptions::parse(const QCoreApplication &app)
     result.modulesDir = positional.value(1);
     if (result.modulesDir.isEmpty())
         result.modulesDir = firstExisting(
-            {appDir + QStringLiteral("/" ZTHOST_INSTALLED_MODULES_DIR),
-             appDir + QStringLiteral("/../modules"), QStringLiteral(ZTHOST_MODULES_DIR)});
+            { appDir + QStringLiteral("/" ZTHOST_INSTALLED_MODULES_DIR),
+              QStringLiteral(ZTHOST_MODULES_DIR) });
     result.translationsDir = parser.isSet(translationsOption)
         ? parser.value(translationsOption)
         : firstExisting({appDir + QStringLiteral("/" ZTHOST_INSTALLED_TRANSLATIONS_DIR),

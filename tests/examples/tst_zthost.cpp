@@ -107,7 +107,7 @@ void tst_ZtHost::loadsEveryModule_data()
     QTest::addColumn<int>("entries");
     QTest::newRow("generator") << "SignalGenerator" << 1;
     QTest::newRow("three processing stages") << "Processing" << 3;
-    QTest::newRow("plot") << "Plot" << 1;
+    QTest::newRow("plotter") << "Plotter" << 1;
     QTest::newRow("poller") << "Poller" << 1;
     QTest::newRow("register device") << "RegisterDevice" << 1;
 }

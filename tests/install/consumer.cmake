@@ -81,7 +81,7 @@ if(MODE STREQUAL "find_package")
   run(${WORK_DIR}/build/consumer)
   if(EXAMPLES)
     # Each example module's metadata, read from the file without loading it.
-    file(GLOB modules ${prefix}/${LIBDIR}/ztcore/examples/*.dll)
+    file(GLOB modules ${prefix}/${LIBDIR}/ztcore/modules/*.dll)
     run(${WORK_DIR}/build/consumer ${modules})
     expect_in("${run_output}"
       "signalgenerator.dll: SignalGenerator 1.0.0 example ZtMIStream 1.2.0 \"Sine, square"

@@ -1,0 +1,316 @@
+#include <propagatorstreamdirect.h>
+#include <ztdataarray.h>
+#include <ztdatawrapper.h>
+#include <ztdataxy.h>
+#include <ztliblevelinterface.h>
+#include <ztmiextended.h>
+
+#include <qwt_legend.h>
+#include <qwt_legend_label.h>
+#include <qwt_plot.h>
+#include <qwt_plot_curve.h>
+#include <qwt_plot_zoomer.h>
+#include <qwt_scale_div.h>
+
+#include <QAction>
+#include <QPluginLoader>
+#include <QtTest>
+
+#include <cmath>
+#include <functional>
+#include <memory>
+
+// A Plotter made by its library, with its widget, fed as the kernel feeds it: through a stream
+// propagator plugged into "in" or through its slot StartProcessing.
+struct Rig
+{
+    std::unique_ptr<ZtMIExtended> module;
+    std::unique_ptr<QWidget> widget;
+    QwtPlot *plot = nullptr;
+    PropagatorStreamDirect in;
+
+    ~Rig()
+    {
+        if (module)
+            module->final();
+        widget.reset(); // the host window deletes the widget before the module
+    }
+
+    void refresh() { QVERIFY(QMetaObject::invokeMethod(module.get(), "refresh")); }
+    void process(const QVariantList &list)
+    {
+        QVERIFY(
+            QMetaObject::invokeMethod(module.get(), "StartProcessing", Q_ARG(QVariantList, list)));
+    }
+
+    QwtPlotCurve *curve(const QString &title) const
+    {
+        for (QwtPlotItem *item : plot->itemList(QwtPlotItem::Rtti_PlotCurve)) {
+            if (item->title().text() == title)
+                return static_cast<QwtPlotCurve *>(item);
+        }
+        return nullptr;
+    }
+    QwtLegendLabel *legendLabel(const QString &title) const
+    {
+        auto *legend = qobject_cast<QwtLegend *>(plot->legend());
+        return legend
+            ? qobject_cast<QwtLegendLabel *>(legend->legendWidget(plot->itemToInfo(curve(title))))
+            : nullptr;
+    }
+    QwtInterval xRange() const { return plot->axisScaleDiv(QwtPlot::xBottom).interval(); }
+};
+
+// Points at x = t0 + i * dt, y = f(i).
+static ZtDataArray curve(const QString &name, const QPen &pen, int count, double t0, double dt,
+                         const std::function<double(int)> &f)
+{
+    ZtDataArray c;
+    c.setName(name);
+    c.setPen(pen);
+    for (int i = 0; i < count; ++i)
+        c.items.append(QVariant::fromValue(ZtDataXY(t0 + i * dt, f(i))));
+    return c;
+}
+
+static QVariantList block(const QList<ZtDataArray> &curves)
+{
+    ZtDataArray b;
+    for (const ZtDataArray &c : curves)
+        b.items.append(QVariant::fromValue(c));
+    return ZtDataWrapper::convArrayToList(b);
+}
+
+// Empty when the ticks are multiples of one step of 1, 2 or 5 x 10^k; else the ticks. The step
+// is taken as the round number nearest to the measured one: ticks carry rounding noise.
+static QString roundnessError(const QList<double> &ticks)
+{
+    QString error = ticks.size() < 2 ? "too few" : QString();
+    const double measured = ticks.value(1) - ticks.value(0);
+    const double decade = std::pow(10.0, std::floor(std::log10(measured) + 1e-9));
+    const double mantissa = std::round(measured / decade);
+    if (std::abs(measured / decade - mantissa) > 1e-6
+        || !QList<double>({1, 2, 5, 10}).contains(mantissa))
+        error = "uneven or no round step";
+    for (double tick : ticks) {
+        const double k = tick / (mantissa * decade);
+        if (std::abs(k - std::round(k)) > 1e-6)
+            error = "not multiples of the step";
+    }
+    for (double tick : ticks)
+        error += QLatin1Char(' ') + QString::number(tick, 'g', 12);
+    return error.startsWith(' ') ? QString() : error;
+}
+
+class tst_Plotter : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void curvesFromBothInputs();
+    void roundTicksWhateverTheRange_data();
+    void roundTicksWhateverTheRange();
+    void pauseFreezesAndResumeCatchesUp();
+    void legendTogglesCurve();
+    void zoomLeavesLiveViewUntilZoomedBack();
+
+private:
+    // options: name, value pairs, as the settings file would set them before start.
+    void make(Rig &rig, const QVariantList &options);
+
+    QPluginLoader loader;
+    ZtLibLevelInterface *library = nullptr;
+};
+
+void tst_Plotter::initTestCase()
+{
+    qRegisterMetaType<Logger::Level>("Logger::Level");
+    loader.setFileName(QStringLiteral(PLOTTER_LIBRARY));
+    QVERIFY2(loader.load(), qPrintable(loader.errorString()));
+    library = qobject_cast<ZtLibLevelInterface *>(loader.instance());
+    QVERIFY(library);
+    QCOMPARE(library->getName() + library->getInterfaceType(), QString("PlotterZtMIExtended"));
+}
+
+void tst_Plotter::make(Rig &rig, const QVariantList &options)
+{
+    rig.module.reset(library->instance(0, nullptr).value<ZtMIExtended *>());
+    QVERIFY(rig.module);
+    rig.module->setup();
+    for (int i = 0; i + 1 < options.size(); i += 2)
+        rig.module->getOptions()->insert(options.at(i).toString(), options.at(i + 1));
+    QVERIFY(rig.module->setPropagator("in", &rig.in, false));
+    rig.widget.reset(rig.module->getWMain(nullptr));
+    QVERIFY(rig.widget);
+    rig.widget->resize(800, 500);
+    rig.plot = rig.widget->findChild<QwtPlot *>();
+    QVERIFY(rig.plot);
+    QVERIFY(rig.module->init());
+    rig.module->applyOptions();
+}
+
+void tst_Plotter::curvesFromBothInputs()
+{
+    Rig rig;
+    make(rig, {"span", 20.0});
+    const QPen red(Qt::red, 2.0);
+    const QPen blue(Qt::blue, 1.5);
+    const auto sine = [](int i) { return std::sin(i * 0.01); };
+    // 10,000 points per curve in one list, over 10 s: all within the span.
+    // An array without name or pen becomes "curve <position>".
+    const ZtDataArray unnamed = curve(QString(), QPen(), 3, 50000.0, 0.001, sine);
+    rig.in.sendList(block({curve("a", red, 10000, 50000.0, 0.001, sine), unnamed}));
+    rig.process(block({curve("b", blue, 10000, 50000.0, 0.001, sine)}));
+
+    // The module's own timer hands the curves over.
+    QTRY_VERIFY(rig.curve("b") && rig.curve("b")->dataSize() == 10000);
+    QStringList titles;
+    for (QwtPlotItem *item : rig.plot->itemList(QwtPlotItem::Rtti_PlotCurve))
+        titles << item->title().text();
+    QCOMPARE(titles, QStringList({"a", "curve 2", "b"}));
+    QCOMPARE(rig.curve("a")->dataSize(), size_t(10000));
+    QCOMPARE(rig.curve("a")->pen(), red);
+    QCOMPARE(rig.curve("b")->pen(), blue);
+    // A curve without a pen gets a colour of its own, not the default black.
+    QVERIFY(rig.curve("curve 2")->pen().color() != QColor(Qt::black));
+    // One checked legend entry per curve, showing its name.
+    for (const QString &title : titles) {
+        QwtLegendLabel *label = rig.legendLabel(title);
+        QVERIFY(label && label->isChecked() && label->text().text() == title);
+    }
+    // The x axis ends at the newest point.
+    QCOMPARE(rig.xRange().maxValue(), rig.curve("a")->sample(9999).x());
+
+    // 15 s more in small lists: the window keeps the last 20 s only.
+    for (int k = 0; k < 150; ++k)
+        rig.in.sendList(block({curve("a", red, 100, 50010.0 + k * 0.1, 0.001, sine)}));
+    rig.refresh();
+    QwtPlotCurve *a = rig.curve("a");
+    QVERIFY(a->sample(0).x() >= a->maxXValue() - 20.0);
+    QVERIFY2(qAbs(int(a->dataSize()) - 20000) <= 2, qPrintable(QString::number(a->dataSize())));
+    // A clock that goes back by more than the span (midnight) starts the curve again.
+    rig.process(block({curve("a", red, 5, 1.0, 0.1, sine)}));
+    rig.refresh();
+    QCOMPARE(rig.curve("a")->dataSize(), size_t(5));
+}
+
+void tst_Plotter::roundTicksWhateverTheRange_data()
+{
+    QTest::addColumn<double>("offset");
+    QTest::addColumn<double>("amplitude");
+    QTest::addColumn<double>("span");
+    QTest::newRow("unit sine over 2 s") << 0.0 << 1.0 << 2.0;
+    QTest::newRow("millivolts over 0.3 s") << 0.0 << 0.0037 << 0.3;
+    QTest::newRow("large offset, small swing") << 12345.6 << 7.3 << 10.0;
+    QTest::newRow("negative, over a minute") << -250.0 << 80.0 << 75.0;
+}
+
+void tst_Plotter::roundTicksWhateverTheRange()
+{
+    QFETCH(double, offset);
+    QFETCH(double, amplitude);
+    QFETCH(double, span);
+    Rig rig;
+    make(rig, {"span", span});
+    // Starting at an odd time of day, 10,000 points over the span.
+    const double t0 = 47123.4567;
+    const auto f = [&](int i) { return offset + amplitude * std::sin(i * 0.0031); };
+    rig.process(block({curve("v", QPen(Qt::black), 10000, t0, span / 10000, f)}));
+    rig.refresh();
+
+    const QwtScaleDiv x = rig.plot->axisScaleDiv(QwtPlot::xBottom);
+    const QwtScaleDiv y = rig.plot->axisScaleDiv(QwtPlot::yLeft);
+    const QString xError = roundnessError(x.ticks(QwtScaleDiv::MajorTick));
+    const QString yError = roundnessError(y.ticks(QwtScaleDiv::MajorTick));
+    QVERIFY2(xError.isEmpty(), qPrintable("x: " + xError));
+    QVERIFY2(yError.isEmpty(), qPrintable("y: " + yError));
+    // The x window is the span up to the newest point; the y range holds every value.
+    QwtPlotCurve *v = rig.curve("v");
+    QCOMPARE(x.upperBound(), v->maxXValue());
+    QVERIFY(qAbs(x.range() - span) < 1e-9 * span);
+    QVERIFY(y.lowerBound() <= v->minYValue() && y.upperBound() >= v->maxYValue());
+}
+
+void tst_Plotter::pauseFreezesAndResumeCatchesUp()
+{
+    Rig rig;
+    make(rig, {"span", 100.0});
+    const auto flat = [](int) { return 1.0; };
+    rig.process(block({curve("a", QPen(Qt::red), 100, 0.0, 0.1, flat)}));
+    rig.refresh();
+    QCOMPARE(rig.curve("a")->dataSize(), size_t(100));
+    const QwtInterval before = rig.xRange();
+
+    QAction *pause = rig.module->getActions()->value("pause");
+    QVERIFY(pause && pause->isCheckable());
+    pause->trigger();
+    rig.process(block({curve("a", QPen(Qt::red), 100, 10.0, 0.1, flat),
+                       curve("new", QPen(Qt::blue), 10, 10.0, 0.1, flat)}));
+    rig.refresh();
+    QCOMPARE(rig.curve("a")->dataSize(), size_t(100));
+    QVERIFY(!rig.curve("new"));
+    QCOMPARE(rig.xRange(), before);
+
+    // Resuming shows at once what came in meanwhile, without waiting for the timer.
+    pause->trigger();
+    QVERIFY(!pause->isChecked());
+    QCOMPARE(rig.curve("a")->dataSize(), size_t(200));
+    QVERIFY(rig.curve("new"));
+    QCOMPARE(rig.xRange().maxValue(), 10.0 + 99 * 0.1);
+}
+
+void tst_Plotter::legendTogglesCurve()
+{
+    Rig rig;
+    // "hidden" as the state store gives it back: c starts hidden.
+    make(rig, {"span", 100.0, "hidden", "c"});
+    rig.process(block({curve("small", QPen(Qt::red), 50, 0.0, 0.1, [](int i) { return i % 2; }),
+                       curve("large", QPen(Qt::blue), 50, 0.0, 0.1, [](int) { return 100.0; }),
+                       curve("c", QPen(Qt::green), 50, 0.0, 0.1, [](int) { return -500.0; })}));
+    rig.refresh();
+    QVERIFY(!rig.curve("c")->isVisible());
+    QVERIFY(!rig.legendLabel("c")->isChecked());
+    QVERIFY(rig.plot->axisScaleDiv(QwtPlot::yLeft).lowerBound() > -500.0);
+
+    QTest::mouseClick(rig.legendLabel("large"), Qt::LeftButton);
+    QVERIFY(!rig.curve("large")->isVisible());
+    QVERIFY(!rig.legendLabel("large")->isChecked());
+    // A hidden curve leaves the autoscale, and the choice is kept for the state store.
+    QVERIFY(rig.plot->axisScaleDiv(QwtPlot::yLeft).upperBound() < 100.0);
+    QCOMPARE(rig.module->getOption("hidden").toString(), QString("c,large"));
+
+    QTest::mouseClick(rig.legendLabel("large"), Qt::LeftButton);
+    QVERIFY(rig.curve("large")->isVisible());
+    QVERIFY(rig.plot->axisScaleDiv(QwtPlot::yLeft).upperBound() >= 100.0);
+    QCOMPARE(rig.module->getOption("hidden").toString(), QString("c"));
+}
+
+void tst_Plotter::zoomLeavesLiveViewUntilZoomedBack()
+{
+    Rig rig;
+    make(rig, {"span", 100.0});
+    const auto wave = [](int i) { return std::sin(i * 0.1); };
+    rig.process(block({curve("a", QPen(Qt::red), 100, 0.0, 0.1, wave)}));
+    rig.refresh();
+    auto *zoomer = rig.plot->findChild<QwtPlotZoomer *>();
+    QVERIFY(zoomer);
+
+    zoomer->zoom(QRectF(2.0, -0.5, 3.0, 1.0));
+    QCOMPARE(rig.xRange(), QwtInterval(2.0, 5.0));
+    // New data shows in the curve but does not move the zoomed view.
+    rig.process(block({curve("a", QPen(Qt::red), 50, 10.0, 0.1, wave)}));
+    rig.refresh();
+    QCOMPARE(rig.curve("a")->dataSize(), size_t(150));
+    QCOMPARE(rig.xRange(), QwtInterval(2.0, 5.0));
+
+    // Zooming back out to the base returns to the live view, at the newest point.
+    zoomer->zoom(-1);
+    QCOMPARE(rig.xRange().maxValue(), 10.0 + 49 * 0.1);
+    rig.process(block({curve("a", QPen(Qt::red), 10, 15.0, 0.1, wave)}));
+    rig.refresh();
+    QCOMPARE(rig.xRange().maxValue(), 15.0 + 9 * 0.1);
+}
+
+QTEST_MAIN(tst_Plotter)
+#include "tst_plotter.moc"
