@@ -87,9 +87,9 @@ HostOptions HostOptions::parse(const QCoreApplication &app)
              appDir + QStringLiteral("/../demo/system.ini"), QStringLiteral(ZTHOST_DEMO_CONFIG)});
     result.modulesDir = positional.value(1);
     if (result.modulesDir.isEmpty())
-        result.modulesDir = firstExisting(
-            { appDir + QStringLiteral("/" ZTHOST_INSTALLED_MODULES_DIR),
-              QStringLiteral(ZTHOST_MODULES_DIR) });
+        result.modulesDir
+            = firstExisting({appDir + QStringLiteral("/" ZTHOST_INSTALLED_MODULES_DIR),
+                             QStringLiteral(ZTHOST_MODULES_DIR)});
     result.translationsDir = parser.isSet(translationsOption)
         ? parser.value(translationsOption)
         : firstExisting({appDir + QStringLiteral("/" ZTHOST_INSTALLED_TRANSLATIONS_DIR),
