@@ -59,8 +59,23 @@ HostOptions HostOptions::parse(const QCoreApplication &app)
         QCoreApplication::translate(
             "zthost", "Change a module option after start-up, as its options dialog would."),
         QStringLiteral("module/option=value"));
-    parser.addOptions(
-        {localeOption, translationsOption, stateOption, quitOption, screenshotOption, setOption});
+    const QCommandLineOption systemOption(
+        QStringLiteral("system"),
+        QCoreApplication::translate("zthost", "Open the System window (load records, channels)."));
+    const QCommandLineOption systemShotOption(
+        QStringLiteral("system-screenshot"),
+        QCoreApplication::translate("zthost", "Save the System window as PNG before quitting."),
+        QStringLiteral("file"));
+    const QCommandLineOption systemTextOption(
+        QStringLiteral("system-text"),
+        QCoreApplication::translate(
+            "zthost", "Write the System window's tables as text before quitting (- for stdout)."),
+        QStringLiteral("file"));
+    const QCommandLineOption profileOption(
+        QStringLiteral("profile"),
+        QCoreApplication::translate("zthost", "Print the start-up phases and their times."));
+    parser.addOptions({localeOption, translationsOption, stateOption, quitOption, screenshotOption,
+                       setOption, systemOption, systemShotOption, systemTextOption, profileOption});
     parser.process(app);
 
     HostOptions result;
@@ -72,9 +87,9 @@ HostOptions HostOptions::parse(const QCoreApplication &app)
              appDir + QStringLiteral("/../demo/system.ini"), QStringLiteral(ZTHOST_DEMO_CONFIG)});
     result.modulesDir = positional.value(1);
     if (result.modulesDir.isEmpty())
-        result.modulesDir = firstExisting(
-            { appDir + QStringLiteral("/" ZTHOST_INSTALLED_MODULES_DIR),
-              QStringLiteral(ZTHOST_MODULES_DIR) });
+        result.modulesDir
+            = firstExisting({appDir + QStringLiteral("/" ZTHOST_INSTALLED_MODULES_DIR),
+                             QStringLiteral(ZTHOST_MODULES_DIR)});
     result.translationsDir = parser.isSet(translationsOption)
         ? parser.value(translationsOption)
         : firstExisting({appDir + QStringLiteral("/" ZTHOST_INSTALLED_TRANSLATIONS_DIR),
@@ -87,6 +102,10 @@ HostOptions HostOptions::parse(const QCoreApplication &app)
             + QStringLiteral("/state.ini");
     result.screenshotFile = parser.value(screenshotOption);
     result.edits = parser.values(setOption);
+    result.systemWindow = parser.isSet(systemOption);
+    result.systemScreenshotFile = parser.value(systemShotOption);
+    result.systemTextFile = parser.value(systemTextOption);
+    result.profile = parser.isSet(profileOption);
     if (parser.isSet(quitOption)) {
         bool ok = false;
         result.quitAfter = parser.value(quitOption).toDouble(&ok);

@@ -23,4 +23,11 @@ public:
     // "<module>/<option>=<value>" edits applied after start-up, as an options dialog would.
     QStringList edits;
     double quitAfter = -1.0;
+    // The System window: open at start, saved as PNG before quitting, its tables written as
+    // text before quitting ("-": standard output).
+    bool systemWindow = false;
+    QString systemScreenshotFile;
+    QString systemTextFile;
+    // Print the kernel's start-up phases and their times once started.
+    bool profile = false;
 };

@@ -1,5 +1,7 @@
 #include "mainwindow.h"
 
+#include "systemwindow.h"
+
 #include <logger.h>
 #include <syssettings.h>
 #include <wssettings.h>
@@ -14,6 +16,7 @@
 #include <QDialogButtonBox>
 #include <QDir>
 #include <QDockWidget>
+#include <QFile>
 #include <QFileInfo>
 #include <QMenu>
 #include <QMenuBar>
@@ -81,6 +84,19 @@ void MainWindow::start()
     kernel->initModules();
     applyEdits();
     describe();
+    if (options.profile) {
+        const QList<StartupPhase> phases = kernel->startupPhases();
+        if (phases.isEmpty())
+            std::fprintf(stdout, "profile: the kernel recorded no start-up phases\n");
+        else
+            std::fputs(qPrintable(profileText(phases)), stdout);
+        std::fflush(stdout);
+    }
+    if (options.systemWindow)
+        showSystemWindow();
+    // Written at the quit, whatever makes the application quit.
+    if (!options.systemScreenshotFile.isEmpty() || !options.systemTextFile.isEmpty())
+        connect(qApp, &QCoreApplication::aboutToQuit, this, &MainWindow::writeSystemReports);
     if (options.quitAfter >= 0)
         QTimer::singleShot(static_cast<int>(options.quitAfter * 1000), this,
                            &MainWindow::quitAfterDelay);
@@ -157,7 +173,47 @@ void MainWindow::addOptionsDialogs(const QList<QWidget *> &widgets)
         }
     }
     modulesMenu->addSeparator();
+    modulesMenu->addAction(tr("System..."), this, &MainWindow::showSystemWindow);
     modulesMenu->addAction(tr("About modules..."), this, &MainWindow::showModulesInfo);
+}
+
+void MainWindow::showSystemWindow()
+{
+    if (!systemWindow)
+        systemWindow = new SystemWindow(kernel, this);
+    systemWindow->show();
+    systemWindow->raise();
+    systemWindow->activateWindow();
+}
+
+void MainWindow::writeSystemReports()
+{
+    if (!systemWindow)
+        systemWindow = new SystemWindow(kernel, this);
+    systemWindow->refresh();
+    if (!options.systemScreenshotFile.isEmpty()) {
+        // grab() also lays out and paints a window that was never shown.
+        const QPixmap shot = systemWindow->grab();
+        const bool saved = shot.save(options.systemScreenshotFile, "PNG");
+        log(QStringLiteral("system screenshot %1 %2x%3 %4")
+                .arg(options.systemScreenshotFile)
+                .arg(shot.width())
+                .arg(shot.height())
+                .arg(saved ? QStringLiteral("saved") : QStringLiteral("not saved")));
+    }
+    if (!options.systemTextFile.isEmpty()) {
+        const QByteArray text = systemWindow->text().toUtf8();
+        if (options.systemTextFile == QLatin1String("-")) {
+            std::fwrite(text.constData(), 1, static_cast<size_t>(text.size()), stdout);
+            std::fflush(stdout);
+        } else {
+            QFile file(options.systemTextFile);
+            if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)
+                || file.write(text) != text.size())
+                std::fprintf(stderr, "zthost: cannot write %s\n",
+                             qPrintable(options.systemTextFile));
+        }
+    }
 }
 
 void MainWindow::showModulesInfo()

@@ -6,6 +6,7 @@
 #include <QMainWindow>
 
 class QMenu;
+class SystemWindow;
 class WSSettings;
 class ZtKernel;
 
@@ -48,6 +49,9 @@ private:
     void addOptionsDialogs(const QList<QWidget *> &widgets);
     void applyEdits();
     void showModulesInfo();
+    void showSystemWindow();
+    // --system-screenshot and --system-text, just before quitting.
+    void writeSystemReports();
     void describe();
     void quitAfterDelay();
 
@@ -55,6 +59,7 @@ private:
     ZtKernel *kernel;
     WSSettings *state;
     QMenu *modulesMenu = nullptr;
+    SystemWindow *systemWindow = nullptr; // made when first needed
     QList<OptionsDialog> dialogs;
     bool quitRequested = false;
 };

@@ -1,7 +1,9 @@
+#include <threadlauncher.h>
 #include <ztbacktrace.h>
 #include <ztliblevelinterface.h>
 
 #include <QByteArray>
+#include <QCoreApplication>
 #include <QPluginLoader>
 
 #include <cstdlib>
@@ -67,6 +69,25 @@ FAULTING void faultOnStdThread()
     *unmappedPointer = 2;
 }
 
+// A fault in a slot on a launcher's worker thread named after its modules; the name is longer
+// than the system keeps.
+void faultOnNamedWorker()
+{
+    int argc = 1;
+    char program[] = "crash_helper";
+    char *argv[] = {program, nullptr};
+    QCoreApplication app(argc, argv);
+    ThreadLauncher launcher;
+    QThread *worker = launcher.placeAt(1);
+    launcher.setThreadModules(1, {"generator", "gain"});
+    QObject target;
+    target.moveToThread(worker);
+    // Posted after the naming, so it runs after it in the worker's loop.
+    QMetaObject::invokeMethod(
+        &target, [] { faultOnStdThread(); }, Qt::QueuedConnection);
+    app.exec();
+}
+
 void faultInModuleLibrary()
 {
     QPluginLoader loader(QStringLiteral(CRASH_FIXTURE_DIR "/crashmodule.dll"));
@@ -94,6 +115,7 @@ const struct
          }).join();
      }},
     {"module", faultInModuleLibrary},
+    {"namedthread", faultOnNamedWorker},
 };
 
 } // namespace

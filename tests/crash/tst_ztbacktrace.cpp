@@ -51,11 +51,15 @@ void tst_ZtBacktrace::reportsFault_data()
     // Faults: the function that the first frame names (after the C library's frames for an
     // abort). Stack overflows: what addr2line prints.
     QTest::addColumn<QString>("expected");
+    // The faulting thread's system name in the line after the error line.
+    QTest::addColumn<QString>("thread");
 
-    const auto row = [](const char *tag, const char *fault, const QString &name, int signal,
-                        const char *error, const char *expected) {
-        QTest::newRow(tag) << fault << name << signal << "Error: " + QString(error) << expected;
-    };
+    const auto row
+        = [](const char *tag, const char *fault, const QString &name, int signal, const char *error,
+             const char *expected, const char *thread = "crash_helper") {
+              QTest::newRow(tag) << fault << name << signal << "Error: " + QString(error)
+                                 << expected << thread;
+          };
     row("access violation", "access", "", SIGSEGV, "EXCEPTION_ACCESS_VIOLATION",
         "faultAccessViolation");
     row("integer division by zero", "intdiv", "", SIGFPE, "EXCEPTION_INT_DIVIDE_BY_ZERO",
@@ -66,6 +70,9 @@ void tst_ZtBacktrace::reportsFault_data()
     row("abort", "abort", "", SIGABRT, "Unrecognized Exception", "faultAbort");
     row("worker thread", "stdthread", "", SIGSEGV, "EXCEPTION_ACCESS_VIOLATION",
         "faultOnStdThread");
+    // "zt1 generator,gain", cut to the 15 bytes the system keeps.
+    row("launcher thread named after its modules", "namedthread", "", SIGSEGV,
+        "EXCEPTION_ACCESS_VIOLATION", "faultOnStdThread", "zt1 generator,g");
     row("inside a module library, no program name", "module", "-", SIGSEGV,
         "EXCEPTION_ACCESS_VIOLATION", "crashInsideModule");
     // addr2line names the function only if given the address relative to the load base.
@@ -87,6 +94,7 @@ void tst_ZtBacktrace::reportsFault()
     QFETCH(int, signal);
     QFETCH(QString, error);
     QFETCH(QString, expected);
+    QFETCH(QString, thread);
 
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     // Keep the sanitizer runtime off these signals and the alternate stack.
@@ -101,21 +109,27 @@ void tst_ZtBacktrace::reportsFault()
     // Merged, so the external tool's output lands between the handler's lines.
     child.setProcessChannelMode(QProcess::MergedChannels);
     child.start(helper, name.isEmpty() ? QStringList {fault} : QStringList {fault, name});
+    QVERIFY(child.waitForStarted());
+    const qint64 pid = child.processId();
     QVERIFY(child.waitForFinished(120000));
     const QByteArray report = child.readAll();
     QVERIFY2(child.exitStatus() == QProcess::CrashExit, report);
     QCOMPARE(child.exitCode(), signal); // QProcess's exit code of a crash is the signal
     QVERIFY(!QFile::exists(workDir.filePath("pwned")));
 
-    // The error line, the header right after it, the trace, the footer.
+    // The error line, the thread line, the header, the trace, the footer. The main thread's id
+    // is the process id; any other thread's is not.
     const bool overflow = error.endsWith("STACK_OVERFLOW");
     const QRegularExpressionMatch match
         = QRegularExpression("(?:^|\n)" + QRegularExpression::escape(error)
-                             + "\n==== STACK TRACE ====\n([\\s\\S]*?)==== STACK TRACE "
+                             + "\nthread: " + QRegularExpression::escape(thread)
+                             + " \\(tid (\\d+)\\)\n==== STACK TRACE ====\n([\\s\\S]*?)"
+                               "==== STACK TRACE "
                              + (overflow ? "UNAVAILABLE" : "DONE") + " ====\n")
               .match(QString::fromLocal8Bit(report));
     QVERIFY2(match.hasMatch(), report);
-    const QString trace = match.captured(1);
+    QCOMPARE(match.captured(1).toLongLong() == pid, !fault.contains("thread"));
+    const QString trace = match.captured(2);
     if (overflow) {
         QVERIFY2(trace.contains(QRegularExpression(expected)), report);
         return;

@@ -10,6 +10,9 @@
 #include <link.h>
 #include <signal.h>
 #include <sys/mman.h>
+#ifdef __linux__
+#include <sys/prctl.h>
+#endif
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -497,6 +500,39 @@ void reportStackOverflow(const ucontext_t *uc)
     addr2line(file, reinterpret_cast<void *>(pc));
 }
 
+// "thread: zt2 gen,gain (tid 1234)": the faulting thread as the system knows it (the library's
+// worker threads carry their modules' names), so that a report says where the fault happened.
+// The name comes from the kernel, not from Qt, whose data may be what is damaged.
+void writeThreadLine(pid_t tid)
+{
+    char line[64] = "thread: ";
+    size_t used = strlen(line);
+#ifdef __linux__
+    char name[17] = {}; // the kernel's 16 bytes, always terminated
+    if (prctl(PR_GET_NAME, name, 0, 0, 0) == 0 && name[0]) {
+        const size_t length = strnlen(name, 16);
+        memcpy(line + used, name, length);
+        used += length;
+        line[used++] = ' ';
+    }
+#endif
+    char digits[24];
+    size_t count = 0;
+    unsigned long value = static_cast<unsigned long>(tid);
+    do {
+        digits[count++] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value && count < sizeof(digits));
+    memcpy(line + used, "(tid ", 5);
+    used += 5;
+    while (count)
+        line[used++] = digits[--count];
+    line[used++] = ')';
+    line[used++] = '\n';
+    line[used] = 0;
+    writeText(line);
+}
+
 // Hands the signal to its default action: the process ends with the signal in its exit status
 // and dumps core where that is enabled. A fault signal raised from a hardware fault that somehow
 // survives this returns to the faulting instruction, which faults again under the default action.
@@ -543,11 +579,13 @@ void crashHandler(int sig, siginfo_t *info, void *context)
     const auto *uc = static_cast<const ucontext_t *>(context);
     if (isStackOverflow(sig, info, uc)) {
         writeText("Error: EXCEPTION_STACK_OVERFLOW\n");
+        writeThreadLine(self);
         writeText("==== STACK TRACE ====\n");
         reportStackOverflow(uc);
         writeText("==== STACK TRACE UNAVAILABLE ====\n");
     } else {
         writeText(faultText(sig, info->si_code));
+        writeThreadLine(self);
         writeText("==== STACK TRACE ====\n");
         printStackTrace(uc);
         writeText("==== STACK TRACE DONE ====\n");

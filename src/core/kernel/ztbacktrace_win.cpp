@@ -78,6 +78,9 @@ static const char *icky_global_program_name = nullptr;
 
 namespace {
 
+// The thread whose stack overflowed, while a fresh thread reports for it; 0 otherwise.
+DWORD faultingThreadId = 0;
+
 DWORD WINAPI reportOnFreshStack(void *info)
 {
     windows_exception_handler(static_cast<EXCEPTION_POINTERS *>(info));
@@ -95,12 +98,43 @@ LONG WINAPI watchStackOverflow(EXCEPTION_POINTERS *info)
 {
     if (info->ExceptionRecord->ExceptionCode != EXCEPTION_STACK_OVERFLOW)
         return EXCEPTION_CONTINUE_SEARCH;
+    faultingThreadId = GetCurrentThreadId();
     HANDLE reporter = CreateThread(nullptr, 0, reportOnFreshStack, info, 0, nullptr);
     if (!reporter)
         return EXCEPTION_CONTINUE_SEARCH;
     WaitForSingleObject(reporter, 30000);
     TerminateProcess(GetCurrentProcess(), EXCEPTION_STACK_OVERFLOW);
     return EXCEPTION_CONTINUE_SEARCH;
+}
+
+// "thread: zt2 gen,gain (tid 1234)": the faulting thread and the description it was given (the
+// library's worker threads carry their modules' names). GetThreadDescription exists from
+// Windows 10 1607 on and is looked up; without it, or without a description, the line has the
+// id alone. Characters outside ASCII print as '?': the report must not depend on the console's
+// code page.
+void printThreadLine()
+{
+    const DWORD id = faultingThreadId ? faultingThreadId : GetCurrentThreadId();
+    const HANDLE thread = id == GetCurrentThreadId()
+        ? GetCurrentThread()
+        : OpenThread(THREAD_QUERY_LIMITED_INFORMATION, FALSE, id);
+    char name[64] = {};
+    using GetDescription = HRESULT(WINAPI *)(HANDLE, PWSTR *);
+    const auto getDescription = reinterpret_cast<GetDescription>(reinterpret_cast<void *>(
+        GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "GetThreadDescription")));
+    PWSTR description = nullptr;
+    if (thread && getDescription && SUCCEEDED(getDescription(thread, &description))
+        && description) {
+        for (size_t i = 0; description[i] && i + 1 < sizeof(name); ++i)
+            name[i] = description[i] >= 0x20 && description[i] < 0x7f
+                ? static_cast<char>(description[i])
+                : '?';
+        LocalFree(description);
+    }
+    if (thread && thread != GetCurrentThread())
+        CloseHandle(thread);
+    fprintf(stderr, "thread: %s%s(tid %lu)\n", name, name[0] ? " " : "",
+            static_cast<unsigned long>(id));
 }
 
 LPTOP_LEVEL_EXCEPTION_FILTER install()
@@ -234,6 +268,7 @@ LONG WINAPI windows_exception_handler(EXCEPTION_POINTERS *ExceptionInfo)
         fputs("Error: Unrecognized Exception\n", stderr);
         break;
     }
+    printThreadLine();
     fflush(stderr);
 
     fputs("==== STACK TRACE ====\n", stderr);

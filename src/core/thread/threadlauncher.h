@@ -4,6 +4,7 @@
 #include "threadloop.h"
 
 #include <QList>
+#include <QMap>
 #include <QObject>
 #include <QPointer>
 #include <QStringList>
@@ -25,19 +26,24 @@ public:
     explicit ThreadLauncher(QObject *parent = nullptr);
     ~ThreadLauncher() override;
 
-    // Creates and starts n more module threads; returns once all have announced themselves.
+    // Creates and starts n more module threads; returns true once all have announced
+    // themselves, false (with a warning) when some have not within 30 s.
     bool launchThread(int n);
-    // Thread `number`, creating missing threads first; the launcher's own thread for number < 0.
+    // Thread `number`, creating missing threads first; the launcher's own thread for number < 0,
+    // and also (with a warning) when the thread could not be started.
     QThread *placeAt(int number);
     // Thread `number` without creating anything (null if it was never created); the owner's
     // thread for number < 0.
     QThread *threadAt(int number);
-    // The propagator thread; processes events until it has announced itself.
+    // The propagator thread; processes events until it has announced itself. Should it not do
+    // so within 30 s, the launcher's own thread, with a warning.
     QThread *getPpgThread();
     int threadCount() const;
     // Names thread `number` after the modules that live on it ("zt2 gen,gain"): the QThread's
     // object name and the operating system's thread name, so that top -H and debuggers show it.
-    // The launcher names these modules again before it has to terminate the thread.
+    // The launcher names these modules again before it has to terminate the thread. A thread
+    // not yet created takes the name when it is. Unnamed worker threads are "zt<number>", the
+    // propagator thread "zt propagators".
     void setThreadModules(int number, const QStringList &modules);
 
 signals:
@@ -48,10 +54,17 @@ private slots:
     void setPpgThread(QThread *th);
 
 private:
+    // Serves events until `done` holds or `limitMs` have passed; true when it holds.
+    template<typename Done>
+    bool serveEventsUntil(Done done, int limitMs);
+    QString threadName(int number) const;
+
     ThreadLoop *currentLoop;
     QThread *ppgThread;
     QObject *ownerObject;
     QList<QThread *> threads;
     // The propagator loop object; it lives on as a child of ownerObject after the launcher.
     QPointer<ThreadLoop> m_ppgLoop;
+    // The modules placed on each thread number, for the thread's name and the shutdown warning.
+    QMap<int, QStringList> m_threadModules;
 };

@@ -1,0 +1,244 @@
+#include "systemwindow.h"
+
+#include <ztkernel.h>
+
+#include <QApplication>
+#include <QClipboard>
+#include <QImage>
+#include <QProcess>
+#include <QPushButton>
+#include <QStandardPaths>
+#include <QTableWidget>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+
+// A module that loads, on worker thread 0, and one whose library does not exist.
+const char settingsText[] = "[mainwindow]\ncfgfile=system window\ntitle=system window\n"
+                            "[aliases]\nid_0=gain\nid_1=ghost\n"
+                            "[modules]\ngain\\.name=Processing\ngain\\.thread=0\n"
+                            "ghost\\.name=NoSuchLibrary\n";
+
+bool reddish(const QColor &c)
+{
+    return c.red() > 150 && c.green() < c.red() - 25 && c.blue() < c.red() - 25;
+}
+
+// Pixels of the table's row that look red, on the grabbed viewport.
+int redPixelsInRow(QTableWidget *table, int row)
+{
+    const QImage image = table->viewport()->grab().toImage();
+    QRect rect;
+    for (int column = 0; column < table->columnCount(); ++column)
+        rect |= table->visualItemRect(table->item(row, column));
+    int red = 0;
+    for (int y = rect.top(); y <= rect.bottom() && y < image.height(); ++y) {
+        for (int x = rect.left(); x <= rect.right() && x < image.width(); ++x)
+            red += reddish(image.pixelColor(x, y));
+    }
+    return red;
+}
+
+int rowOf(QTableWidget *table, int column, const QString &text)
+{
+    for (int row = 0; row < table->rowCount(); ++row) {
+        if (table->item(row, column) && table->item(row, column)->text() == text)
+            return row;
+    }
+    return -1;
+}
+
+} // namespace
+
+// zthost's System window over a real kernel, and zthost's --profile, --system-text and
+// --system-screenshot as a child process, on a system with one module whose library is missing.
+class tst_SystemWindow : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void failedModuleInRed_data();
+    void failedModuleInRed();
+    void zthostReports();
+
+private:
+    QTemporaryDir work;
+    QString settings;
+};
+
+void tst_SystemWindow::initTestCase()
+{
+    QVERIFY(work.isValid());
+    settings = work.filePath("system.ini");
+    QFile file(settings);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(settingsText);
+}
+
+// The failed module stands out in red with its stage and error, the loaded one does not; an
+// entry that could not be connected is red too. "Copy" gives the tables as tab-separated text.
+// The "given" row shows records made here, so that the drawing is checked whatever the kernel
+// records.
+void tst_SystemWindow::failedModuleInRed_data()
+{
+    QTest::addColumn<bool>("fromKernel");
+    QTest::newRow("kernel records") << true;
+    QTest::newRow("given records") << false;
+}
+
+void tst_SystemWindow::failedModuleInRed()
+{
+    QFETCH(bool, fromKernel);
+    QObject host;
+    auto *kernel = new ZtKernel(&host);
+    kernel->setOptionsFileName(settings);
+    kernel->loadModules(ZTHOST_MODULES_DIR);
+    kernel->makeConnections();
+    if (fromKernel && kernel->loadRecords().isEmpty())
+        QSKIP("kernel records not available");
+
+    // Without a kernel the window shows only what it is given.
+    SystemWindow window(fromKernel ? kernel : nullptr);
+    if (!fromKernel) {
+        ModuleLoadRecord loaded;
+        loaded.number = 0;
+        loaded.name = "Processing";
+        loaded.alias = "gain";
+        loaded.stage = ModuleLoadRecord::Initialised;
+        loaded.threadNumber = 0;
+        loaded.threadName = "zt0 gain";
+        loaded.loadNs = 2500000;
+        ModuleLoadRecord ghost;
+        ghost.number = 1;
+        ghost.name = "NoSuchLibrary";
+        ghost.alias = "ghost";
+        ghost.stage = ModuleLoadRecord::FileMissing;
+        ghost.error = "no such file:\tnosuchlibrary.dll";
+        ChannelRow flowing;
+        flowing.entry = "gain;out;gain;in";
+        flowing.kind = "stream";
+        flowing.connected = flowing.counted = true;
+        flowing.stats.lists = 7;
+        ChannelRow broken;
+        broken.entry = "ghost;out;gain;in";
+        broken.kind = "stream";
+        window.showRecords({loaded, ghost}, {flowing, broken});
+    }
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+
+    auto *modules = window.findChild<QTableWidget *>("system_modules");
+    auto *channels = window.findChild<QTableWidget *>("system_channels");
+    QVERIFY(modules && channels);
+    const int ghost = rowOf(modules, 2, "ghost");
+    const int gain = rowOf(modules, 2, "gain");
+    QVERIFY(ghost >= 0 && gain >= 0);
+    QCOMPARE(modules->item(ghost, 3)->text(), QString("file missing"));
+    QVERIFY(!modules->item(ghost, 4)->text().isEmpty());
+    QVERIFY(modules->item(gain, 3)->text() != "file missing");
+    QVERIFY2(redPixelsInRow(modules, ghost) > 200, "the failed module is not drawn in red");
+    QCOMPARE(redPixelsInRow(modules, gain), 0);
+    for (int row = 0; row < channels->rowCount(); ++row) {
+        const bool connected = channels->item(row, 5)->text() == "yes";
+        QCOMPARE(redPixelsInRow(channels, row) > 0, !connected);
+    }
+
+    QVERIFY(window.findChild<QPushButton *>("system_copy"));
+    window.findChild<QPushButton *>("system_copy")->click();
+    const QStringList lines = QApplication::clipboard()->text().split('\n');
+    QCOMPARE(QApplication::clipboard()->text(), window.text());
+    // Every line of a table has one cell per column, also when an error text holds a tab.
+    const int ghostLine
+        = lines.indexOf(QRegularExpression("^1\tNoSuchLibrary\tghost\tfile missing\t.*"));
+    QVERIFY2(ghostLine > 1, qPrintable(lines.join('\n')));
+    QCOMPARE(lines.at(ghostLine).count('\t'), modules->columnCount() - 1);
+    QCOMPARE(lines.at(1).split('\t').value(3), QString("stage"));
+
+    delete kernel;
+}
+
+// zthost on the same system: --profile lists the phases in order with module steps indented
+// under their phase; --system-text - writes both tables at the quit; --system-screenshot saves
+// the window (on a virtual display when xvfb-run is there).
+void tst_SystemWindow::zthostReports()
+{
+    const QString shot = work.filePath("system.png");
+    const QString xvfb = QStandardPaths::findExecutable("xvfb-run");
+    QStringList args {"--state",
+                      work.filePath("state.ini"),
+                      "--quit-after",
+                      "1",
+                      "--profile",
+                      "--system",
+                      "--system-text",
+                      "-",
+                      "--system-screenshot",
+                      shot,
+                      settings,
+                      ZTHOST_MODULES_DIR};
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent");
+    env.insert("QT_XCB_GL_INTEGRATION", "none");
+    if (xvfb.isEmpty()) {
+        env.insert("QT_QPA_PLATFORM", "offscreen");
+    } else {
+        env.remove("QT_QPA_PLATFORM");
+        args = QStringList {"-a", "-s", "-screen 0 1280x1024x24", ZTHOST} + args;
+    }
+    QProcess process;
+    process.setWorkingDirectory(work.path());
+    process.setProcessEnvironment(env);
+    process.start(xvfb.isEmpty() ? QString(ZTHOST) : xvfb, args);
+    // A hang guard, generous for the sanitizer build; not a speed check.
+    QVERIFY(process.waitForFinished(120000));
+    const QString out = QString::fromUtf8(process.readAllStandardOutput());
+    const QString report = out.right(6000) + "\n--- stderr\n"
+        + QString::fromUtf8(process.readAllStandardError()).right(3000);
+    QVERIFY2(process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0,
+             qPrintable(report));
+    QVERIFY2(out.contains("Modules\nnumber\tname\talias\tstage\terror\tthread"),
+             qPrintable(report));
+    QVERIFY2(out.contains("Channels\nentry\tkind\tsource\ttarget"), qPrintable(report));
+    QVERIFY2(out.contains(QRegularExpression("system screenshot \\S+ \\d+x\\d+ saved")),
+             qPrintable(report));
+
+    if (out.contains("profile: the kernel recorded no start-up phases"))
+        QSKIP("kernel records not available");
+    QVERIFY2(out.contains(QRegularExpression("\n1\tNoSuchLibrary\tghost\tfile missing\t")),
+             qPrintable(report));
+    // Phases in the order they ran, each module's steps indented under a phase, the total last.
+    const QRegularExpression step("^profile: +([\\d.]+) +[\\d.]+  ( *)(\\S.*)$",
+                                  QRegularExpression::MultilineOption);
+    QStringList phases;
+    double lastStart = 0;
+    int moduleSteps = 0;
+    for (auto it = step.globalMatch(out); it.hasNext();) {
+        const QRegularExpressionMatch m = it.next();
+        if (!m.captured(2).isEmpty()) {
+            QVERIFY2(!phases.isEmpty(), qPrintable(report));
+            moduleSteps += m.captured(3).contains("gain");
+            continue;
+        }
+        phases.append(m.captured(3));
+        if (m.captured(3) != "total") {
+            QVERIFY2(m.captured(1).toDouble() >= lastStart, qPrintable(report));
+            lastStart = m.captured(1).toDouble();
+        }
+    }
+    QVERIFY2(phases.size() >= 3 && phases.last() == "total", qPrintable(report));
+    QVERIFY2(moduleSteps >= 1, qPrintable(report));
+
+    QImage image(shot);
+    QVERIFY(!image.isNull());
+    int red = 0;
+    for (int y = 0; y < image.height(); ++y) {
+        for (int x = 0; x < image.width(); ++x)
+            red += reddish(image.pixelColor(x, y));
+    }
+    QVERIFY2(red > 200, "the screenshot shows no red row");
+}
+
+QTEST_MAIN(tst_SystemWindow)
+#include "tst_systemwindow.moc"
