@@ -4,6 +4,7 @@
 #include "ztkernelrecords.h"
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QList>
 #include <QObject>
 #include <QSet>
@@ -128,7 +129,14 @@ private:
 
     ZtMIFound *moduleAt(int index) const;
     void log(const QString &text, int level);
-    void finalise(const QList<ZtMIFound *> &live);
+    QList<ZtMIFound *> finalise(const QList<QPair<ZtMIFound *, int>> &numbered);
+    void closeChannels(bool feedbackToo);
+    QString moduleLabel(int index) const;
+    qint64 now() const;
+    int beginPhase(const QString &name, int depth = 0);
+    void endPhase(int index);
+    template<class Result, class Builder>
+    Result timedElements(Builder build);
 
     QObject *parentObject;
     QWidget *widgetParent;
@@ -142,4 +150,17 @@ private:
     int quitRequests;
     // Modules that unloadModules finalised and handed to deleteLater.
     QSet<const ZtMIFound *> m_retired;
+    // Threads holding a module that missed the shutdown deadline: nothing living there is
+    // deleted or waited for again.
+    QSet<const QThread *> m_hungThreads;
+
+    QElapsedTimer m_clock; // started with the kernel; every phase time is read from it
+    qint64 m_settingsStart = -1;
+    int m_elementsPhase = -1;
+    QList<ModuleLoadRecord> m_records;
+    QList<StartupPhase> m_phases;
+    // One row per connection entry and the channel behind it (null: none), read at channelRows().
+    QList<ChannelRow> m_rows;
+    QList<Propagator *> m_rowChannels;
+    int m_shutdownTimeout = 3000;
 };

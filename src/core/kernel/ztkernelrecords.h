@@ -29,7 +29,7 @@ struct ZTCORE_EXPORT ModuleLoadRecord
     QString libraryPath; // the file the kernel tried
     Stage stage = NotLoaded;
     QString error; // the loader's or the kernel's text for a failure
-    int threadNumber = -1; // configured ".thread"; -1: the GUI thread
+    int threadNumber = -1; // the worker thread it was placed on (".thread"); -1: the GUI thread
     QString threadName;
     QPointer<QThread> thread;
     qint64 loadNs = -1; // monotonic time spent loading and creating the module; -1: not measured
