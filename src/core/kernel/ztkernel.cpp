@@ -167,8 +167,12 @@ QList<ZtMIFound *> ZtKernel::finalise(const QList<QPair<ZtMIFound *, int>> &numb
         finals.append(postToModule(module, entry.second, [module] { module->final(); }));
     }
 
-    auto late = [this, deadline](const PendingCall &call, const char *what) {
-        if (!call.done || call.done->tryAcquire(1, int(qMax<qint64>(0, deadline.remainingTime()))))
+    // A healthy thread runs a queued call at once; when a late module used up the time, the
+    // others still get this long to come home, or they would be named for nothing.
+    const int grace = qMin(m_shutdownTimeout, 250);
+    auto late = [this, &deadline](const PendingCall &call, const char *what, int atLeast) {
+        const qint64 wait = qMax<qint64>(atLeast, deadline.remainingTime());
+        if (!call.done || call.done->tryAcquire(1, int(wait)))
             return false;
         const int number = call.index >= 0 && call.index < m_records.size()
             ? m_records.at(call.index).threadNumber
@@ -187,7 +191,7 @@ QList<ZtMIFound *> ZtKernel::finalise(const QList<QPair<ZtMIFound *, int>> &numb
 
     bool anyLate = false;
     for (const PendingCall &call : qAsConst(finals))
-        anyLate = late(call, "did not finish final()") || anyLate;
+        anyLate = late(call, "did not finish final()", 0) || anyLate;
     if (anyLate)
         closeChannels(true);
 
@@ -202,7 +206,7 @@ QList<ZtMIFound *> ZtKernel::finalise(const QList<QPair<ZtMIFound *, int>> &numb
             postToModule(module, entry.second, [module] { module->moveMeToTheMainThread(); }));
     }
     for (const PendingCall &call : qAsConst(moves))
-        late(call, "did not return to the GUI thread");
+        late(call, "did not return to the GUI thread", grace);
 
     QList<ZtMIFound *> released;
     for (const auto &entry : qAsConst(numbered)) {
