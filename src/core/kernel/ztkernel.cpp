@@ -23,6 +23,7 @@
 #include <QFile>
 #include <QLibraryInfo>
 #include <QMenu>
+#include <QMetaMethod>
 #include <QMetaObject>
 #include <QPluginLoader>
 #include <QSemaphore>
@@ -458,9 +459,13 @@ int ZtKernel::loadModules(QString dir)
                     + version + tr(" builded:") + info.buildDate + QStringLiteral(")\n"),
                 1);
         }
-        // By signature, so that a "logger" connection entry can see it and refuse a duplicate.
-        connect(module, SIGNAL(state(QString, Logger::Level)), logger,
-                SLOT(append(QString, Logger::Level)));
+        // By method, like a connection made by signature, so that a "logger" connection entry
+        // can see it and refuse a duplicate; looked up once instead of normalised per module.
+        static const QMetaMethod stateSignal = ZtMIFound::staticMetaObject.method(
+            ZtMIFound::staticMetaObject.indexOfSignal("state(QString,Logger::Level)"));
+        static const QMetaMethod appendSlot = Logger::staticMetaObject.method(
+            Logger::staticMetaObject.indexOfSlot("append(QString,Logger::Level)"));
+        connect(module, stateSignal, logger, appendSlot);
         KDEBUG << "Load module" << name << "(v " << version << ") to thread" << module->thread();
         keep(ModuleLoadRecord::Created, QString());
     }
