@@ -168,13 +168,12 @@ QList<ZtMIFound *> ZtKernel::finalise(const QList<QPair<ZtMIFound *, int>> &numb
         finals.append(postToModule(module, entry.second, [module] { module->final(); }));
     }
 
-    // A healthy thread runs a queued call at once; when a late module used up the time, the
-    // others still get this long to come home, or they would be named for nothing.
+    // A healthy thread runs a queued call at once: once the time is up, the rest get this long.
     const int grace = qMin(m_shutdownTimeout, 250);
-    auto late = [this, &deadline](const PendingCall &call, const char *what, int atLeast) {
-        const qint64 wait = qMax<qint64>(atLeast, deadline.remainingTime());
-        if (!call.done || call.done->tryAcquire(1, int(wait)))
-            return false;
+    auto arrived = [](const PendingCall &call, const QDeadlineTimer &until) {
+        return !call.done || call.done->tryAcquire(1, int(qMax<qint64>(0, until.remainingTime())));
+    };
+    auto name = [this](const PendingCall &call, const char *what) {
         const int number = call.index >= 0 && call.index < m_records.size()
             ? m_records.at(call.index).threadNumber
             : -1;
@@ -187,14 +186,23 @@ QList<ZtMIFound *> ZtKernel::finalise(const QList<QPair<ZtMIFound *, int>> &numb
         std::fprintf(stderr, "%s\n", qPrintable(text));
         std::fflush(stderr);
         m_hungThreads.insert(call.module->thread());
-        return true;
     };
 
-    bool anyLate = false;
-    for (const PendingCall &call : qAsConst(finals))
-        anyLate = late(call, "did not finish final()", 0) || anyLate;
-    if (anyLate)
+    QList<PendingCall> outstanding;
+    for (const PendingCall &call : qAsConst(finals)) {
+        if (!arrived(call, deadline))
+            outstanding.append(call);
+    }
+    if (!outstanding.isEmpty()) {
+        // Someone hangs. Whoever waits in final() for an answer from it is released with the
+        // error answer, so that only the module that hangs is named.
         closeChannels(true);
+        const QDeadlineTimer released(grace);
+        for (const PendingCall &call : qAsConst(outstanding)) {
+            if (!arrived(call, released))
+                name(call, "did not finish final()");
+        }
+    }
 
     // Modules that share a thread with a late one stay there too: their turn would never come.
     QThread *gui = QCoreApplication::instance()->thread();
@@ -206,8 +214,11 @@ QList<ZtMIFound *> ZtKernel::finalise(const QList<QPair<ZtMIFound *, int>> &numb
         moves.append(
             postToModule(module, entry.second, [module] { module->moveMeToTheMainThread(); }));
     }
-    for (const PendingCall &call : qAsConst(moves))
-        late(call, "did not return to the GUI thread", grace);
+    const QDeadlineTimer homecoming(qMax<qint64>(grace, deadline.remainingTime()));
+    for (const PendingCall &call : qAsConst(moves)) {
+        if (!arrived(call, homecoming))
+            name(call, "did not return to the GUI thread");
+    }
 
     QList<ZtMIFound *> released;
     for (const auto &entry : qAsConst(numbered)) {
