@@ -56,7 +56,9 @@ public:
     ZtKernel(QWidget *widgetParent, QObject *parent);
     // Finalises and deletes every module that unloadModules has not retired yet: final() in the
     // module's own thread, a worker-thread module moved back to the GUI thread, then deleted.
-    // All modules are finalised before the first is deleted.
+    // All modules are finalised before the first is deleted. The worker-thread modules get
+    // shutdownTimeout() ms for both steps together; a module that misses it is named (log level
+    // 2 and standard error) and left where it is, with everything living on its thread.
     ~ZtKernel() override;
 
     void init(QObject *parent);
@@ -77,7 +79,7 @@ public:
     // back to the GUI thread, and schedules its deletion there, so that its actions and widgets
     // die on the GUI thread. The records are left as they are; their module pointers dangle
     // once the deferred deletions ran. Retired modules are never touched again: calling this
-    // twice, or destroying the kernel afterwards, is safe.
+    // twice, or destroying the kernel afterwards, is safe. Bounded like the destructor.
     int unloadModules();
     int loadTranslations(QString locale, QString dir);
 
