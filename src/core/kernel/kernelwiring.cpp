@@ -135,7 +135,8 @@ void KernelWiring::makeEntry(const QString &entry)
                 KDEBUG << (ok ? "connected" : "not connect");
             }
         } else {
-            current.kind = QStringLiteral("stream");
+            current.kind = fields.value(4) == QLatin1String("feedback") ? QStringLiteral("feedback")
+                                                                        : QStringLiteral("stream");
             ok = connMod2Mod(fields);
             KDEBUG << (ok ? "connected" : "not connect");
         }
@@ -218,7 +219,6 @@ void KernelWiring::carryStream(Propagator *pg, bool acrossThreads)
 void KernelWiring::carryFeedback(Propagator *pg, ZtMIFound *server, bool acrossThreads)
 {
     current.channel = pg;
-    current.kind = QStringLiteral("feedback");
     auto *concurrent = qobject_cast<PropagatorFeedbackConcurrent *>(pg);
     if (!concurrent)
         return;
@@ -778,7 +778,6 @@ bool KernelWiring::connFeedback(const QStringList &fields, int a, int b)
         return false;
     }
 
-    current.kind = QStringLiteral("feedback");
     if (pgto && pgto != pgfrom) {
         // One server answers one requester's propagator; overlapping requests from two
         // requesters through one propagator are not supported.
