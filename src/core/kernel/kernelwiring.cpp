@@ -146,7 +146,10 @@ void KernelWiring::makeEntry(const QString &entry)
         row.kind = current.batchedMade ? QStringLiteral("batched") : current.kind;
     row.connected = ok;
     row.counted = current.channel != nullptr;
-    row.options = current.applied;
+    for (const QString &field : qAsConst(current.options.accepted)) {
+        if (current.applied.contains(field))
+            row.options.append(field); // in the entry's order
+    }
     if (ok)
         warnUnapplied();
     kernel->m_rows.append(row);
@@ -203,15 +206,25 @@ PropagatorStreamConcurrent *KernelWiring::newStreamChannel(bool batchedAllowed)
 void KernelWiring::carryStream(Propagator *pg, bool acrossThreads)
 {
     current.channel = pg;
+    if (acrossThreads)
+        limitQueue(pg);
+}
+
+void KernelWiring::limitQueue(Propagator *pg)
+{
     auto *concurrent = qobject_cast<PropagatorStreamConcurrent *>(pg);
-    if (!concurrent || !acrossThreads || !current.options.hasLimit())
+    if (!concurrent || !current.options.hasLimit())
         return;
     concurrent->setQueueLimit(current.options.limit,
                               current.options.policy == ConnectionOptions::Drop
                                   ? PropagatorStreamConcurrent::Drop
                                   : PropagatorStreamConcurrent::Block);
-    current.applied += fieldsOf(current.options, "limit");
-    current.applied += fieldsOf(current.options, "policy");
+    for (const char *name : {"limit", "policy"}) {
+        for (const QString &field : fieldsOf(current.options, name)) {
+            if (!current.applied.contains(field))
+                current.applied.append(field);
+        }
+    }
 }
 
 // A concurrent feedback channel learns its server's thread (a blocking request from there could
@@ -739,6 +752,9 @@ bool KernelWiring::connExtendedToExtended(const QStringList &fields, int a, int 
                                         SLOT(recvSend(QByteArray)), Qt::DirectConnection);
     const bool lists = QObject::connect(shared, SIGNAL(trySendList(QVariantList)), pgto,
                                         SLOT(recvSendList(QVariantList)), Qt::DirectConnection);
+    // The lists wait for the target behind pgto: a queue limit bounds it there as well.
+    if (!sameThread)
+        limitQueue(pgto);
     return bytes && lists;
 }
 

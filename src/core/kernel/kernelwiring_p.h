@@ -42,6 +42,7 @@ private:
     bool routePlain(ZtMIFound *from, ZtMIFound *to, const QString &signal, const QString &slot);
     PropagatorStreamConcurrent *newStreamChannel(bool batchedAllowed);
     void carryStream(Propagator *pg, bool acrossThreads);
+    void limitQueue(Propagator *pg);
     void carryFeedback(Propagator *pg, ZtMIFound *server, bool acrossThreads);
     void warnUnapplied();
     void optionWarning(const QString &text);
