@@ -55,6 +55,7 @@ struct ZTCORE_EXPORT ChannelRow
 {
     QString entry; // as read from the settings (options included)
     QString kind; // "signal/slot", "stream", "feedback", "options", "logger", "action", "batched"
+                  // ("unknown": a target that is neither a module nor "logger")
     QString source; // module alias or id, and signal or propagator name
     QString sourceName;
     QString target;
