@@ -4,6 +4,8 @@
 
 #include <kernelprobe.h>
 #include <propagator.h>
+#include <propagatorfeedbackconcurrent.h>
+#include <propagatorstreambatched.h>
 #include <propagatorstreamdirect.h>
 #include <threadlauncher.h>
 #include <ztkernel.h>
@@ -124,6 +126,9 @@ private slots:
     void optionSyncLoop();
     void startActions();
     void loggerEntries();
+    void connectionOptions_data();
+    void connectionOptions();
+    void channelRows();
 };
 
 void tst_Connections::streamBranches_data()
@@ -428,6 +433,204 @@ void tst_Connections::loggerEntries()
         && QString::fromUtf8(log.readAll())
                .contains(QRegularExpression(QStringLiteral("^\\(MM\\) .* id_0: +warming up$"),
                                             QRegularExpression::MultilineOption)));
+}
+
+void tst_Connections::connectionOptions_data()
+{
+    QTest::addColumn<QString>("modules"); // module 0 sends, module 1 receives
+    QTest::addColumn<QString>("entry");
+    QTest::addColumn<QStringList>("warnings");
+    QTest::addColumn<QString>("kind");
+    QTest::addColumn<QStringList>("applied");
+    QTest::addColumn<QString>("channel"); // class of the channel behind the entry; empty: none
+    QTest::addColumn<QString>("traffic"); // "lists", "drop", "ask", or none
+    auto row = [](const char *name, const char *modules, const QString &entry,
+                  const QStringList &warnings, const char *kind, const QStringList &applied,
+                  const char *channel, const char *traffic = "lists") {
+        QTest::newRow(name) << modules << entry << warnings << kind << applied << channel
+                            << traffic;
+    };
+
+    const QString plain = QStringLiteral("id_0;signal_ImReady(QVariantList);id_1;") + toSlot;
+    const QString toStream = QStringLiteral("id_0;out;id_1;") + toSlot;
+    const char *notBetween = "applies only to a stream channel between threads; ignored";
+    // A plain entry with options goes through a counting channel with the same delivery.
+    row("plain entry, across threads", "S:0 S:1", plain + ";limit=100000;policy=block", {},
+        "signal/slot", {"limit=100000", "policy=block"}, "PropagatorStreamConcurrent");
+    row("plain entry, one thread", "S S", plain + ";limit=5",
+        {"connection option \"limit=5\" " + QString(notBetween)}, "signal/slot", {},
+        "PropagatorStreamConcurrent");
+    row("unknown option and bad value: plain as before", "S:0 S:1",
+        plain + ";speed=fast;limit=zero",
+        {"unknown connection option \"speed=fast\" ignored",
+         "bad value in connection option \"limit=zero\" ignored"},
+        "signal/slot", {}, "");
+    row("signal without a list", "S S:1", "id_0;signal_closeWMain();id_1;slot_begin();limit=3",
+        {"connection options need a signal passing (QVariantList) or (QByteArray); plain "
+         "connection made"},
+        "signal/slot", {}, "", "");
+    row("batched, plain entry", "S:0 S:1", plain + ";channel=batched", {}, "batched",
+        {"channel=batched"}, "PropagatorStreamBatched");
+    row("batched, extended to extended", "E:0 E:1", "id_0;out;id_1;in;channel=batched;limit=100000",
+        {}, "batched", {"channel=batched", "limit=100000"}, "PropagatorStreamBatched");
+    row("batched, extended to stream", "E:0 S:1", toStream + ";channel=batched", {}, "batched",
+        {"channel=batched"}, "PropagatorStreamBatched");
+    row("batched, stream to extended", "S:0 E:1",
+        "id_0;signal_ImReady(QVariantList);id_1;in;channel=batched", {}, "batched",
+        {"channel=batched"}, "PropagatorStreamBatched");
+    row("batched within one thread", "E:0 E:0", "id_0;out;id_1;in;channel=batched",
+        {"connection option \"channel=batched\" applies only to a new stream channel between "
+         "threads; ignored"},
+        "stream", {}, "PropagatorStreamDirect");
+    row("limit within one thread", "E:0 E:0", "id_0;out;id_1;in;limit=10",
+        {"connection option \"limit=10\" " + QString(notBetween)}, "stream", {},
+        "PropagatorStreamDirect");
+    row("policy without limit", "E:0 E:1", "id_0;out;id_1;in;policy=drop",
+        {"connection option \"policy=drop\" applies only to a stream channel between threads, "
+         "together with limit=; ignored"},
+        "stream", {}, "PropagatorStreamConcurrent");
+    row("dropped when full", "E:0 S:1", toStream + ";limit=5;policy=drop", {}, "stream",
+        {"limit=5", "policy=drop"}, "PropagatorStreamConcurrent", "drop");
+    row("time-out on a stream", "E:0 E:1", "id_0;out;id_1;in;timeout=500",
+        {"connection option \"timeout=500\" applies only to a feedback channel between threads; "
+         "ignored"},
+        "stream", {}, "PropagatorStreamConcurrent");
+    row("time-out on a request", "E:0 E:1", "id_0;dev;id_1;regs;feedback;timeout=5000", {},
+        "feedback", {"timeout=5000"}, "PropagatorFeedbackConcurrent", "ask");
+}
+
+// Options change only what they name: the entry is made as without them, warnings name the
+// entry, and the data still arrives whole and in order (or, dropped, is counted).
+void tst_Connections::connectionOptions()
+{
+    QFETCH(QString, modules);
+    QFETCH(QString, entry);
+    QFETCH(QStringList, warnings);
+    QFETCH(QString, kind);
+    QFETCH(QStringList, applied);
+    QFETCH(QString, channel);
+    QFETCH(QString, traffic);
+
+    Rig rig(modules, {entry});
+    const QStringList lines = DebugLines::all();
+    const QString all = lines.join(QLatin1Char('\n'));
+    QVERIFY2(lines.contains(QStringLiteral("kernel connected")), qPrintable(all));
+    const QString prefix = QStringLiteral("connection \"%1\": ").arg(entry);
+    for (const QString &warning : qAsConst(warnings))
+        QVERIFY2(lines.contains(QStringLiteral("kernel ") + prefix + warning), qPrintable(all));
+    QCOMPARE(lines.filter(prefix).size(), warnings.size());
+    QFile log(rig.dir.filePath(QStringLiteral("zt.log")));
+    for (const QString &warning : qAsConst(warnings))
+        QTRY_VERIFY(log.open(QIODevice::ReadOnly)
+                    && QString::fromUtf8(log.readAll()).contains(prefix + warning)
+                    && (log.close(), true));
+
+    const QList<ChannelRow> rows = rig.kernel->channelRows();
+    QCOMPARE(rows.size(), 1);
+    const ChannelRow row = rows.first();
+    QCOMPARE(row.entry, entry);
+    QCOMPARE(row.kind, kind);
+    QCOMPARE(row.options, applied);
+    QVERIFY(row.connected);
+    QCOMPARE(row.counted, !channel.isEmpty());
+    Propagator *pg = nullptr;
+    for (Propagator *candidate : rig.kernel->getPropagators()) {
+        if (candidate->metaObject()->className() == channel)
+            pg = candidate;
+    }
+    QCOMPARE(pg != nullptr, !channel.isEmpty());
+    if (kind == QLatin1String("batched"))
+        QCOMPARE(pg->thread(), rig.module(1)->thread());
+
+    ChannelStats stats;
+    if (traffic == QLatin1String("ask")) {
+        int right = -1;
+        QMetaObject::invokeMethod(rig.module(0), "askNumbered", callType(rig.module(0)),
+                                  Q_RETURN_ARG(int, right), Q_ARG(int, 1), Q_ARG(int, 500));
+        QCOMPARE(right, 500);
+        stats = rig.kernel->channelRows().first().stats;
+        if (stats.requests == 0)
+            QSKIP("needs channel counters");
+        QCOMPARE(stats.requests, quint64(500));
+        QCOMPARE(stats.answers, quint64(500));
+        QCOMPARE(stats.timeouts, quint64(0));
+        return;
+    }
+    if (traffic.isEmpty())
+        return;
+
+    if (modules.startsWith('S'))
+        QMetaObject::invokeMethod(rig.module(0), "emitNumbered", Qt::QueuedConnection,
+                                  Q_ARG(int, 0), Q_ARG(int, messageCount));
+    else
+        QMetaObject::invokeMethod(rig.module(0), "sendNumbered", Qt::QueuedConnection,
+                                  Q_ARG(QString, "out"), Q_ARG(int, 0), Q_ARG(int, messageCount));
+    if (traffic == QLatin1String("lists")) {
+        QTRY_COMPARE_WITH_TIMEOUT(received(1).size(), messageCount, 30000);
+        QCOMPARE(received(1), numbered(0, messageCount));
+    }
+    if (!row.counted)
+        return;
+    // The channel has counted what the consumer got.
+    auto counted = [&rig, &stats](quint64 ChannelStats::*field, quint64 plus = 0) {
+        return QTest::qWaitFor(
+            [&] {
+                stats = rig.kernel->channelRows().first().stats;
+                return stats.*field + (plus ? stats.dropped : 0) == quint64(messageCount);
+            },
+            30000);
+    };
+    if (!QTest::qWaitFor([&] { return rig.kernel->channelRows().first().stats.lists > 0; }, 1000))
+        QSKIP("needs channel counters");
+    QVERIFY(counted(&ChannelStats::lists));
+    QVERIFY2(
+        counted(&ChannelStats::deliveries, 1),
+        qPrintable(
+            QStringLiteral("%1 delivered, %2 dropped").arg(stats.deliveries).arg(stats.dropped)));
+    if (traffic == QLatin1String("drop")) {
+        // What was not dropped arrived, in order.
+        QTRY_COMPARE(quint64(received(1).size()), stats.deliveries);
+        int last = -1;
+        for (const QVariant &list : received(1)) {
+            QVERIFY(list.toList().value(0).toInt() > last);
+            last = list.toList().value(0).toInt();
+        }
+    } else {
+        QCOMPARE(stats.dropped, quint64(0));
+    }
+}
+
+// One row per entry of every kind, named by aliases where the file gives them.
+void tst_Connections::channelRows()
+{
+    Rig rig(QStringLiteral("S:0 S:1 E:0 E:1"),
+            {"id_0;signal_ImReady(QVariantList);id_1;" + toSlot, "src;out;id_3;in",
+             "src;dev;id_3;regs;feedback",
+             "id_0;signal_sendOptions(ModuleOptions);id_1;slot_recvOptions(ModuleOptions)",
+             "id_0;signal_myStatus(QString);logger", "actid_0,quit;actquit",
+             "src;out;id_9;in;limit=3"},
+            QStringLiteral("[aliases]\nid_2=src\n"));
+    QStringList rows;
+    for (const ChannelRow &row : rig.kernel->channelRows())
+        rows << QStringList {row.kind,
+                             row.source,
+                             row.sourceName,
+                             row.target,
+                             row.targetName,
+                             row.options.join(','),
+                             row.connected ? "connected" : "not connected",
+                             row.counted ? "counted" : "not counted"}
+                    .join('|');
+    QCOMPARE(rows,
+             (QStringList {"signal/slot|id_0|signal_ImReady(QVariantList)|id_1|" + toSlot
+                               + "||connected|not counted",
+                           "stream|src|out|id_3|in||connected|counted",
+                           "feedback|src|dev|id_3|regs||connected|counted",
+                           "options|id_0|signal_sendOptions(ModuleOptions)|id_1|slot_recvOptions("
+                           "ModuleOptions)||connected|not counted",
+                           "logger|id_0|signal_myStatus(QString)|logger|||connected|not counted",
+                           "action|id_0|quit|kernel|actquit||connected|not counted",
+                           "stream|src|out|id_9|in||not connected|not counted"}));
 }
 
 QTEST_MAIN(tst_Connections)

@@ -10,6 +10,7 @@
 #include <QDir>
 #include <QMenu>
 #include <QPluginLoader>
+#include <QProcess>
 #include <QPointer>
 #include <QRegularExpression>
 #include <QSemaphore>
@@ -128,6 +129,9 @@ private slots:
     void init();
 
     void loading();
+    void loadRecords_data();
+    void loadRecords();
+    void startupPhases();
     void logFollowsTheSettings_data();
     void logFollowsTheSettings();
     void startUp();
@@ -135,6 +139,8 @@ private slots:
     void quitProtocol();
     void teardown_data();
     void teardown();
+    void shutdownWatchdog_data();
+    void shutdownWatchdog();
     void windowElements();
     void misplacedEntries_data();
     void misplacedEntries();
@@ -216,6 +222,115 @@ void tst_ZtKernel::loading()
                                     "initfail-fixture|0.0.1|1.2.0|broken start|29.02.2024",
                                     unknown};
     QCOMPARE(info, expectedInfo.join('|').split('|'));
+}
+
+void tst_ZtKernel::loadRecords_data()
+{
+    QTest::addColumn<int>("number");
+    QTest::addColumn<int>("stage");
+    QTest::addColumn<QString>("error"); // a regular expression; empty: no error text
+    QTest::addColumn<int>("thread"); // worker thread number; -1: the GUI thread
+    QTest::addColumn<QString>("version"); // "version|build date"
+    QTest::addColumn<QString>("label"); // the alias, or the name without one
+
+    using R = ModuleLoadRecord;
+    auto row = [](int number, R::Stage stage, const char *error, int thread, const char *version,
+                  const char *label) {
+        QTest::addRow("%d: %s", number, qPrintable(R::stageText(stage)))
+            << number << int(stage) << error << thread << version << label;
+    };
+    row(0, R::Initialised, "", 3, "1.4.2|03.02.2024", "TestStream");
+    row(1, R::FileMissing, "^file not exists$", -1, "|", "Missing");
+    row(2, R::Initialised, "", 1, "0.9|11.12.2023", "TestExtended");
+    row(3, R::Initialised, "", -1, "3.0|01.06.2022", "TestGuiThread");
+    row(4, R::Initialised, "", -1, "1.4.2|03.02.2024", "second");
+    row(5, R::UnknownInterface, "^Unknown interface ZtMIMystery of module unknown-fixture$", -1,
+        "2.0|15.08.2021", "TestUnknown");
+    row(6, R::NoInstance, "not created", -1, "0.5|02.01.2020", "TestNoInstance");
+    row(7, R::NotAPlugin, "broken\\.dll", -1, "|", "Broken");
+    row(8, R::InitFailed, "^init\\(\\) returned false$", -1, "0.0.1|29.02.2024", "TestInitFail");
+    row(9, R::NotAPlugin, "^the plugin does not implement Zantor", -1, "|", "TestForeign");
+}
+
+// Every way a module can fare is in its record, with the times of what it went through.
+void tst_ZtKernel::loadRecords()
+{
+    QFETCH(int, number);
+    QFETCH(int, stage);
+    QFETCH(QString, error);
+    QFETCH(int, thread);
+    QFETCH(QString, version);
+    QFETCH(QString, label);
+
+    QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^Damaged value ignored: "));
+    Rig rig(fixture(QStringLiteral("loading.ini")));
+    rig.kernel->loadModules(moduleDir);
+    // Loading decides every stage up to "created"; init decides the rest.
+    QCOMPARE(int(rig.kernel->loadRecords().value(number).stage),
+             qMin(stage, int(ModuleLoadRecord::Created)));
+    rig.kernel->initModules();
+
+    const QList<ModuleLoadRecord> records = rig.kernel->loadRecords();
+    QCOMPARE(records.size(), 10);
+    const ModuleLoadRecord record = records.at(number);
+    QCOMPARE(record.number, number);
+    QCOMPARE(int(record.stage), stage);
+    QVERIFY2(error.isEmpty() ? record.error.isEmpty()
+                             : record.error.contains(QRegularExpression(error)),
+             qPrintable(record.error));
+    QCOMPARE(record.alias.isEmpty() ? record.name : record.alias, label);
+    QCOMPARE(record.libraryPath,
+             QDir(moduleDir).filePath(record.name.toLower() + QStringLiteral(".dll")));
+    QCOMPARE(record.version + '|' + record.buildDate, version);
+
+    // Where a module lives, by number, name and pointer.
+    ZtMIFound *module = rig.module(number);
+    QCOMPARE(record.thread.data(), module ? module->thread() : nullptr);
+    if (module) {
+        QCOMPARE(record.threadNumber, thread);
+        if (thread >= 0)
+            QCOMPARE(record.thread.data(), rig.kernel->getThreadLauncher()->threadAt(thread));
+        QCOMPARE(record.threadName, module->thread()->objectName());
+    }
+    // Times are measured for what happened, and only for that.
+    QVERIFY(record.loadNs >= 0);
+    QCOMPARE(record.initNs >= 0, stage >= ModuleLoadRecord::Initialised);
+}
+
+// The start-up as a host runs it, phase after phase, each module's step inside its phase.
+void tst_ZtKernel::startupPhases()
+{
+    Rig rig(fixture(QStringLiteral("elements.ini")), true);
+    rig.kernel->loadModules(moduleDir);
+    rig.kernel->makeConnections();
+    rig.kernel->getWMains();
+    rig.kernel->getWOptions();
+    rig.kernel->getMenus();
+    rig.kernel->getToolBars();
+    rig.kernel->initModules();
+
+    QStringList names;
+    const QList<StartupPhase> phases = rig.kernel->startupPhases();
+    StartupPhase outer;
+    qint64 last = 0;
+    for (const StartupPhase &phase : phases) {
+        names << QString(phase.depth, '+') + phase.name;
+        QVERIFY2(phase.startNs >= last && phase.durationNs >= 0, qPrintable(phase.name));
+        if (phase.depth == 0) {
+            outer = phase;
+            last = phase.startNs;
+        } else {
+            QVERIFY2(phase.startNs + phase.durationNs <= outer.startNs + outer.durationNs,
+                     qPrintable(phase.name));
+            last = phase.startNs + phase.durationNs;
+        }
+    }
+    QCOMPARE(
+        names,
+        (QStringList {"settings", "load modules", "+load TestStream (id_0)", "+load Missing (id_1)",
+                      "+load plot (id_2)", "+load TestStream (id_3)", "connections",
+                      "window elements", "init modules", "+init TestStream (id_0)",
+                      "+init plot (id_2)", "+init TestStream (id_3)"}));
 }
 
 void tst_ZtKernel::logFollowsTheSettings_data()
@@ -410,6 +525,57 @@ void tst_ZtKernel::teardown()
         QCOMPARE(trail(id, QThread::currentThread(), hooks),
                  (QStringList {"final@own", "destroyed@own"}));
     QVERIFY(action.isNull());
+}
+
+void tst_ZtKernel::shutdownWatchdog_data()
+{
+    QTest::addColumn<QStringList>("args"); // how the host shuts down
+    QTest::newRow("destroyed") << QStringList {"destroy"};
+    QTest::newRow("unloaded, then destroyed") << QStringList {"unload"};
+    QTest::newRow("whole host, stuck thread terminated") << QStringList {"destroy", "whole"};
+}
+
+// A module that takes a minute in final() holds up nobody: it is named, left where it is, and
+// the others end as usual.
+void tst_ZtKernel::shutdownWatchdog()
+{
+    QFETCH(QStringList, args);
+    if (args.contains("whole")) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        QSKIP("the launcher terminates the stuck thread, which the sanitizers do not survive");
+#endif
+    }
+
+    QTemporaryDir dir;
+    const QString settings
+        = writeSettings(dir,
+                        QStringLiteral("[mainwindow]\nloggerfile=@LOGDIR@/host.log\nloggerlevel=5\n"
+                                       "shutdowntimeout=1000\n[aliases]\nid_0=slow\n[modules]\n"
+                                       "slow\\.name=TestSlowFinal\nslow\\.thread=1\n"
+                                       "id_1\\.name=TestStream\nid_1\\.thread=0\n"));
+    QProcess host;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    host.setProcessEnvironment(env);
+    host.start(QStringLiteral(ZT_KERNEL_HOST), QStringList {settings, moduleDir} + args);
+    // A safety limit, not a measure of speed: unbounded, this host would take a minute.
+    const bool ended = host.waitForFinished(10000);
+    if (!ended) {
+        host.kill();
+        host.waitForFinished();
+    }
+    const QString out = QString::fromLocal8Bit(host.readAllStandardOutput());
+    const QString err = QString::fromLocal8Bit(host.readAllStandardError());
+    QVERIFY2(ended, qPrintable(err));
+    QCOMPARE(host.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(host.exitCode(), 0);
+
+    const QString named
+        = QStringLiteral("module slow (id_0) on thread 1 did not finish final() within 1000 ms");
+    QVERIFY2(err.contains(named + '\n'), qPrintable(err));
+    QCOMPARE(err.count(QStringLiteral("did not")), 1);
+    QVERIFY(readLog(dir.filePath("host.log")).contains("(EE) <stamp> null:    " + named + '\n'));
+    QCOMPARE(out, QStringLiteral("module 1: final threadChange destroyed\n"));
 }
 
 void tst_ZtKernel::windowElements()

@@ -7,11 +7,13 @@
 #include "propagator.h"
 #include "propagatorfeedbackconcurrent.h"
 #include "propagatorfeedbackdirect.h"
+#include "propagatorstreambatched.h"
 #include "propagatorstreamconcurrent.h"
 #include "propagatorstreamdirect.h"
 #include "syssettings.h"
 #include "threadlauncher.h"
 #include "ztkernel.h"
+#include "ztkernelrecords.h"
 #include "ztmiextended.h"
 #include "ztmifound.h"
 #include "ztmistream.h"
@@ -61,43 +63,234 @@ static const QString slotPrefix = QStringLiteral("slot_");
 void KernelWiring::makeConnections()
 {
     const QStringList entries = kernel->sysSettings->readConnections();
-    for (const QString &entry : entries) {
-        KDEBUG << entry;
-        const QStringList fields = entry.split(QLatin1Char(';'));
-        const QString source = fields.value(0);
-        const QString target = fields.value(2);
+    for (const QString &entry : entries)
+        makeEntry(entry);
+}
 
-        if (!source.startsWith(idPrefix)) {
-            makeActionLink(fields);
-            continue;
-        }
-        if (target == QLatin1String("logger")) {
-            makeLoggerLink(fields);
-            continue;
-        }
+QString KernelWiring::moduleName(int index) const
+{
+    const ModuleLoadRecord record = kernel->m_records.value(index);
+    if (record.number == index && !record.alias.isEmpty())
+        return record.alias;
+    return QStringLiteral("id_%1").arg(index);
+}
+
+void KernelWiring::optionWarning(const QString &text)
+{
+    kernel->log(text, 3);
+    KDEBUG << text;
+}
+
+// Options are taken off first, so that every branch below sees the entry as it always was.
+void KernelWiring::makeEntry(const QString &entry)
+{
+    KDEBUG << entry;
+    current = Current();
+    current.entry = entry;
+    QStringList fields = entry.split(QLatin1Char(';'));
+    current.options = ConnectionOptions::take(fields);
+    for (const ConnectionOptions::Problem &problem : qAsConst(current.options.problems))
+        optionWarning(ConnectionOptions::problemText(entry, problem));
+
+    const QString source = fields.value(0);
+    const QString target = fields.value(2);
+    ChannelRow row;
+    row.entry = entry;
+    row.sourceName = fields.value(1);
+    row.target = target.startsWith(idPrefix) ? moduleName(moduleNumber(target)) : target;
+    row.targetName = fields.value(3);
+    bool ok = false;
+
+    if (!source.startsWith(idPrefix)) {
+        // "actid_<module>,<action>;<keyword>[;id_<target>;slot_<signature>]"
+        const QStringList head = source.mid(6).split(QLatin1Char(','));
+        bool numeric = false;
+        const int id = head.value(0).toInt(&numeric);
+        row.kind = QStringLiteral("action");
+        row.source = numeric ? moduleName(id) : source;
+        row.sourceName = head.value(1);
         if (!target.startsWith(idPrefix)) {
-            KDEBUG << "unknown identifer" << target;
-            continue;
+            row.target = kernel->objectName();
+            row.targetName = fields.value(1);
         }
-
+        ok = makeActionLink(fields);
+    } else {
+        row.source = moduleName(moduleNumber(source));
         const QString signal = fields.value(1);
         const QString slot = fields.value(3);
-        if (signal.startsWith(signalPrefix) && slot.startsWith(slotPrefix)) {
+        if (target == QLatin1String("logger")) {
+            row.kind = QStringLiteral("logger");
+            ok = makeLoggerLink(fields);
+        } else if (!target.startsWith(idPrefix)) {
+            row.kind = QStringLiteral("unknown");
+            KDEBUG << "unknown identifer" << target;
+        } else if (signal.startsWith(signalPrefix) && slot.startsWith(slotPrefix)) {
             if (signal.contains(QLatin1String("sendOptions"))
                 && slot.contains(QLatin1String("recvOptions"))) {
-                makeOptionsSync(fields);
-                continue;
+                row.kind = QStringLiteral("options");
+                ok = makeOptionsSync(fields);
+            } else {
+                current.kind = QStringLiteral("signal/slot");
+                ok = makePlainLink(fields);
+                KDEBUG << (ok ? "connected" : "not connect");
             }
-            ZtMIFound *from = moduleAt(moduleNumber(source));
-            ZtMIFound *to = moduleAt(moduleNumber(target));
-            const bool ok = from && to
-                && QObject::connect(from, signalCode(signal).constData(), to,
-                                    slotCode(slot).constData(), Qt::AutoConnection);
-            KDEBUG << (ok ? "connected" : "not connect");
         } else {
-            KDEBUG << (connMod2Mod(fields) ? "connected" : "not connect");
+            current.kind = fields.value(4) == QLatin1String("feedback") ? QStringLiteral("feedback")
+                                                                        : QStringLiteral("stream");
+            ok = connMod2Mod(fields);
+            KDEBUG << (ok ? "connected" : "not connect");
         }
     }
+
+    if (!current.kind.isEmpty())
+        row.kind = current.batchedMade ? QStringLiteral("batched") : current.kind;
+    row.connected = ok;
+    row.counted = current.channel != nullptr;
+    for (const QString &field : qAsConst(current.options.accepted)) {
+        if (current.applied.contains(field))
+            row.options.append(field); // in the entry's order
+    }
+    if (ok)
+        warnUnapplied();
+    kernel->m_rows.append(row);
+    kernel->m_rowChannels.append(current.channel);
+}
+
+// Every accepted option that no branch applied is named with what it applies to.
+void KernelWiring::warnUnapplied()
+{
+    if (current.optionsRefused)
+        return;
+    for (const QString &field : qAsConst(current.options.accepted)) {
+        if (current.applied.contains(field))
+            continue;
+        const QString name = field.section(QLatin1Char('='), 0, 0).trimmed();
+        QString scope;
+        if (name == QLatin1String("timeout"))
+            scope = QStringLiteral("a feedback channel between threads");
+        else if (name == QLatin1String("channel"))
+            scope = QStringLiteral("a new stream channel between threads");
+        else if (name == QLatin1String("policy") && !current.options.hasLimit())
+            scope = QStringLiteral("a stream channel between threads, together with limit=");
+        else
+            scope = QStringLiteral("a stream channel between threads");
+        optionWarning(QStringLiteral("connection \"%1\": connection option \"%2\" applies only to "
+                                     "%3; ignored")
+                          .arg(current.entry, field, scope));
+    }
+}
+
+// The accepted fields of option `name`, as written.
+static QStringList fieldsOf(const ConnectionOptions &options, const char *name)
+{
+    QStringList found;
+    for (const QString &field : options.accepted) {
+        if (field.section(QLatin1Char('='), 0, 0).trimmed() == QLatin1String(name))
+            found.append(field);
+    }
+    return found;
+}
+
+PropagatorStreamConcurrent *KernelWiring::newStreamChannel(bool batchedAllowed)
+{
+    if (current.options.batched && batchedAllowed) {
+        current.batchedMade = true;
+        current.applied += fieldsOf(current.options, "channel");
+        return new PropagatorStreamBatched;
+    }
+    return new PropagatorStreamConcurrent;
+}
+
+// `pg` carries the current entry. A queue limit bounds what waits for a consumer in another
+// thread; within one thread there is no queue to bound.
+void KernelWiring::carryStream(Propagator *pg, bool acrossThreads)
+{
+    current.channel = pg;
+    if (acrossThreads)
+        limitQueue(pg);
+}
+
+void KernelWiring::limitQueue(Propagator *pg)
+{
+    auto *concurrent = qobject_cast<PropagatorStreamConcurrent *>(pg);
+    if (!concurrent || !current.options.hasLimit())
+        return;
+    concurrent->setQueueLimit(current.options.limit,
+                              current.options.policy == ConnectionOptions::Drop
+                                  ? PropagatorStreamConcurrent::Drop
+                                  : PropagatorStreamConcurrent::Block);
+    for (const char *name : {"limit", "policy"}) {
+        for (const QString &field : fieldsOf(current.options, name)) {
+            if (!current.applied.contains(field))
+                current.applied.append(field);
+        }
+    }
+}
+
+// A concurrent feedback channel learns its server's thread (a blocking request from there could
+// never be answered) and the request time-out of its entry.
+void KernelWiring::carryFeedback(Propagator *pg, ZtMIFound *server, bool acrossThreads)
+{
+    current.channel = pg;
+    auto *concurrent = qobject_cast<PropagatorFeedbackConcurrent *>(pg);
+    if (!concurrent)
+        return;
+    concurrent->setServerThread(server->thread());
+    if (acrossThreads && current.options.timeout > 0) {
+        concurrent->setRequestTimeout(current.options.timeout);
+        current.applied += fieldsOf(current.options, "timeout");
+    }
+}
+
+// A plain signal/slot entry. With connection options it goes through a counting channel with
+// the same delivery (automatic: queued into the target's thread, in order), without module
+// locks, as the plain connection has none. Only list and byte-array signals can travel that way.
+bool KernelWiring::makePlainLink(const QStringList &fields)
+{
+    ZtMIFound *from = moduleAt(moduleNumber(fields.value(0)));
+    ZtMIFound *to = moduleAt(moduleNumber(fields.value(2)));
+    if (!from || !to)
+        return false;
+    const QString signal = fields.value(1);
+    const QString slot = fields.value(3);
+    if (!current.options.isEmpty())
+        return routePlain(from, to, signal, slot);
+    return QObject::connect(from, signalCode(signal).constData(), to, slotCode(slot).constData(),
+                            Qt::AutoConnection);
+}
+
+bool KernelWiring::routePlain(ZtMIFound *from, ZtMIFound *to, const QString &signal,
+                              const QString &slot)
+{
+    const QByteArray signature = QMetaObject::normalizedSignature(qPrintable(signal.mid(7)));
+    const int index = from->metaObject()->indexOfSignal(signature.constData());
+    const QList<QByteArray> types
+        = index >= 0 ? from->metaObject()->method(index).parameterTypes() : QList<QByteArray>();
+    const bool lists = types == QList<QByteArray> {"QVariantList"};
+    const bool bytes = types == QList<QByteArray> {"QByteArray"};
+    if (!lists && !bytes) {
+        current.optionsRefused = true;
+        optionWarning(QStringLiteral("connection \"%1\": connection options need a signal passing "
+                                     "(QVariantList) or (QByteArray); plain connection made")
+                          .arg(current.entry));
+        return QObject::connect(from, signalCode(signal).constData(), to,
+                                slotCode(slot).constData(), Qt::AutoConnection);
+    }
+
+    const bool across = from->thread() != to->thread();
+    PropagatorStreamConcurrent *pg = newStreamChannel(across);
+    keep(pg);
+    // A batched channel delivers from its own thread: the consumer's.
+    if (current.batchedMade)
+        pg->moveToThread(to->thread());
+    const bool in = QObject::connect(from, signalCode(signal).constData(), pg,
+                                     lists ? SLOT(sendList(QVariantList)) : SLOT(send(QByteArray)),
+                                     Qt::DirectConnection);
+    const bool out = QObject::connect(
+        pg, lists ? SIGNAL(trySendList(QVariantList)) : SIGNAL(trySend(QByteArray)), to,
+        slotCode(slot).constData(), Qt::AutoConnection);
+    carryStream(pg, across);
+    return in && out;
 }
 
 namespace {
@@ -133,7 +326,7 @@ bool changesOptions(ZtMIFound *module, const ModuleOptions &options)
 // module announces while it takes options from a synchroniser is not passed back to the module
 // they came from. The source side runs in the source's thread as it emits; the delivery runs
 // in the target's thread (queued when that is another), the synchroniser being stateless.
-void KernelWiring::makeOptionsSync(const QStringList &fields)
+bool KernelWiring::makeOptionsSync(const QStringList &fields)
 {
     OptiSync *sync = nullptr;
     switch (fields.size()) {
@@ -149,7 +342,7 @@ void KernelWiring::makeOptionsSync(const QStringList &fields)
         break;
     default:
         KDEBUG << "invalid arguments";
-        return;
+        return false;
     }
     kernel->optiSyncs.append(sync);
 
@@ -157,7 +350,7 @@ void KernelWiring::makeOptionsSync(const QStringList &fields)
     ZtMIFound *to = moduleAt(moduleNumber(fields.at(2)));
     if (!from || !to) {
         KDEBUG << "not connect";
-        return;
+        return false;
     }
     const bool in = QObject::connect(
         from, &ZtMIFound::sendOptions, sync,
@@ -177,13 +370,14 @@ void KernelWiring::makeOptionsSync(const QStringList &fields)
                                           currentDelivery = outer;
                                       });
     KDEBUG << ((in && out) ? "connected" : "not connect");
+    return in && out;
 }
 
 // A "logger" entry connects the named signal to Logger::append with the signal's own parameters:
 // a (QString) signal logs at level 5, a (QString,Logger::Level) signal at its level. Every
 // module's state(QString,Logger::Level) is connected at load time already; connecting it again
 // is refused (unique connection) and reported as obsolete.
-void KernelWiring::makeLoggerLink(const QStringList &fields)
+bool KernelWiring::makeLoggerLink(const QStringList &fields)
 {
     ZtMIFound *from = moduleAt(moduleNumber(fields.value(0)));
     const QString signal = fields.value(1);
@@ -196,19 +390,20 @@ void KernelWiring::makeLoggerLink(const QStringList &fields)
                               slot.constData(), Qt::UniqueConnection);
     }
     KDEBUG << (ok ? "connected" : "not connect, obsoleted");
+    return ok;
 }
 
 // Action entry: "actid_<module>,<action>;<keyword>[;id_<target>;slot_<signature>]". The
 // action's triggered() drives it. "actstart" also ties the target slot to the kernel's actStart
 // signal of the same parameters, so that it runs once at start-up as well.
-void KernelWiring::makeActionLink(const QStringList &fields)
+bool KernelWiring::makeActionLink(const QStringList &fields)
 {
     const QString head = fields.value(0);
     const QString keyword = fields.value(1);
     if (!head.startsWith(QLatin1String("actid_"))) {
         KDEBUG << "actions not connected, unknown identifer";
         kernel->log(ZtKernel::tr("actions not connected, unknown identifer:") + head, 3);
-        return;
+        return false;
     }
     const QStringList idAndName = head.mid(6).split(QLatin1Char(','));
     bool numeric = false;
@@ -216,12 +411,12 @@ void KernelWiring::makeActionLink(const QStringList &fields)
     ZtMIFound *module = numeric ? moduleAt(id) : nullptr;
     if (!module) {
         KDEBUG << "Error, try connect to undefined module";
-        return;
+        return false;
     }
     QAction *action = module->getActions()->value(idAndName.value(1), nullptr);
     if (!action) {
         KDEBUG << "actions not connected";
-        return;
+        return false;
     }
 
     if (keyword == QLatin1String("actquit")) {
@@ -229,39 +424,39 @@ void KernelWiring::makeActionLink(const QStringList &fields)
         if (ok)
             ++kernel->quitRequests;
         KDEBUG << (ok ? "connected" : "actions not connected");
-        return;
+        return ok;
     }
     if (keyword == QLatin1String("actcancelquit")) {
         const bool ok = QObject::connect(action, SIGNAL(triggered()), kernel, SLOT(cancelQuit()));
         KDEBUG << (ok ? "connected" : "actions not connected");
-        return;
+        return ok;
     }
     if (keyword != QLatin1String("actstart")) {
         KDEBUG << "actions not connected, unknown identifer";
         kernel->log(ZtKernel::tr("actions not connected, unknown identifer:") + keyword, 3);
-        return;
+        return false;
     }
 
     const QString target = fields.value(2);
     const QString slot = fields.value(3);
     if (target.isEmpty() || slot.isEmpty()) {
         KDEBUG << "actions not connected, receiver not defined";
-        return;
+        return false;
     }
     if (!target.startsWith(idPrefix) || !slot.startsWith(slotPrefix)) {
         KDEBUG << "actions not connected, not implemented yet";
-        return;
+        return false;
     }
     ZtMIFound *receiver = moduleAt(moduleNumber(target));
     if (!receiver) {
         KDEBUG << "Error, try connect to undefined module";
-        return;
+        return false;
     }
     const QByteArray signature = QMetaObject::normalizedSignature(qPrintable(slot.mid(5)));
     const int index = receiver->metaObject()->indexOfMethod(signature.constData());
     if (index < 0) {
         KDEBUG << "actions not connected";
-        return;
+        return false;
     }
     const QMetaMethod method = receiver->metaObject()->method(index);
     const QList<QByteArray> types = method.parameterTypes();
@@ -284,9 +479,10 @@ void KernelWiring::makeActionLink(const QStringList &fields)
              });
     } else {
         KDEBUG << "actions not connected, not implemented yet";
-        return;
+        return false;
     }
     KDEBUG << (ok ? "connected" : "actions not connected");
+    return ok;
 }
 
 void KernelWiring::keep(Propagator *pg)
@@ -363,9 +559,12 @@ bool KernelWiring::connStreamToStream(const QStringList &fields, int a, int b)
                                 slotCode(slot).constData(), Qt::DirectConnection);
     }
 
-    auto *pg = new PropagatorStreamConcurrent;
+    PropagatorStreamConcurrent *pg = newStreamChannel(true);
     addLock(pg, to);
     keep(pg);
+    if (current.batchedMade)
+        pg->moveToThread(to->thread());
+    carryStream(pg, true);
     if (!signal.startsWith(signalPrefix))
         return unknownIdentifier(signal);
     if (!slot.startsWith(slotPrefix))
@@ -409,14 +608,17 @@ bool KernelWiring::connStreamToExtended(const QStringList &fields, int a, int b)
     if (!pgto)
         return false;
 
-    if (from->thread() == to->thread())
+    if (from->thread() == to->thread()) {
+        carryStream(pgto, false);
         return QObject::connect(from, signalCode(signal).constData(), pgto,
                                 SLOT(recvSendList(QVariantList)), Qt::DirectConnection);
+    }
 
-    auto *pg = new PropagatorStreamConcurrent;
+    PropagatorStreamConcurrent *pg = newStreamChannel(true);
     keep(pg);
     addLock(pg, to);
     pg->moveToThread(to->thread());
+    carryStream(pg, true);
     const bool in = QObject::connect(from, signalCode(signal).constData(), pg,
                                      SLOT(recvSendList(QVariantList)), Qt::DirectConnection);
     const bool out = QObject::connect(pg, SIGNAL(trySendList(QVariantList)), pgto,
@@ -472,6 +674,7 @@ bool KernelWiring::connExtendedToStream(const QStringList &fields, int a, int b)
         }
         if (pgfrom->getType() == Propagator::Concurrent)
             addLock(pgfrom, to);
+        carryStream(pgfrom, false);
         if (!slot.startsWith(slotPrefix))
             return unknownIdentifier(slot);
         return QObject::connect(pgfrom, SIGNAL(streamSendList(QVariantList)), to,
@@ -480,22 +683,27 @@ bool KernelWiring::connExtendedToStream(const QStringList &fields, int a, int b)
 
     // Across threads the stream consumer is reached through a concurrent propagator: the
     // source's own, a concurrent child behind its direct one, or a new one.
+    // A batched channel is only made new, and delivers from the consumer's thread itself.
     Propagator *pg = nullptr;
     if (!pgfrom) {
-        pg = new PropagatorStreamConcurrent;
+        pg = newStreamChannel(true);
         keep(pg);
         if (!plugInto(a, name, pg, false))
             return false;
+        if (current.batchedMade)
+            pg->moveToThread(to->thread());
     } else {
         pg = concurrentBehind(a, pgfrom, "unknown ptopagator type to module with id");
         if (!pg)
             return false;
     }
     addLock(pg, to);
+    carryStream(pg, true);
     if (!slot.startsWith(slotPrefix))
         return unknownIdentifier(slot);
     return QObject::connect(pg, SIGNAL(streamSendList(QVariantList)), to,
-                            slotCode(slot).constData(), Qt::QueuedConnection);
+                            slotCode(slot).constData(),
+                            current.batchedMade ? Qt::AutoConnection : Qt::QueuedConnection);
 }
 
 bool KernelWiring::connExtendedToExtended(const QStringList &fields, int a, int b)
@@ -513,15 +721,19 @@ bool KernelWiring::connExtendedToExtended(const QStringList &fields, int a, int 
     Propagator *shared = pgfrom;
     if (!pgfrom) {
         shared = sameThread ? static_cast<Propagator *>(new PropagatorStreamDirect)
-                            : static_cast<Propagator *>(new PropagatorStreamConcurrent);
+                            : static_cast<Propagator *>(newStreamChannel(true));
         keep(shared);
         if (!plugInto(a, nameFrom, shared, false))
             return false;
+        // A batched channel delivers from its own thread: the target's.
+        if (current.batchedMade)
+            shared->moveToThread(to->thread());
     } else if (!sameThread) {
         shared = concurrentBehind(a, pgfrom, "unknown propagator type to module with id");
         if (!shared)
             return false;
     }
+    carryStream(shared, !sameThread);
     if (!pgto || pgto == shared) {
         if (!sameThread && shared->getType() == Propagator::Concurrent)
             addLock(shared, to);
@@ -540,6 +752,9 @@ bool KernelWiring::connExtendedToExtended(const QStringList &fields, int a, int 
                                         SLOT(recvSend(QByteArray)), Qt::DirectConnection);
     const bool lists = QObject::connect(shared, SIGNAL(trySendList(QVariantList)), pgto,
                                         SLOT(recvSendList(QVariantList)), Qt::DirectConnection);
+    // The lists wait for the target behind pgto: a queue limit bounds it there as well.
+    if (!sameThread)
+        limitQueue(pgto);
     return bytes && lists;
 }
 
@@ -579,13 +794,14 @@ bool KernelWiring::connFeedback(const QStringList &fields, int a, int b)
         return false;
     }
 
-    if (pgto == pgfrom)
-        return true;
-    if (pgto) {
+    if (pgto && pgto != pgfrom) {
         // One server answers one requester's propagator; overlapping requests from two
         // requesters through one propagator are not supported.
         KDEBUG << "can't set propagator to module with id" << b << ", already exist";
         return false;
     }
-    return plugInto(b, nameTo, pgfrom, true);
+    if (!pgto && !plugInto(b, nameTo, pgfrom, true))
+        return false;
+    carryFeedback(pgfrom, to, !sameThread);
+    return true;
 }

@@ -1,9 +1,12 @@
 #pragma once
 
+#include "connectionoptions.h"
+
 #include <QString>
 #include <QStringList>
 
 class Propagator;
+class PropagatorStreamConcurrent;
 class ZtKernel;
 class ZtMIFound;
 
@@ -21,9 +24,32 @@ public:
     bool connMod2Mod(const QStringList &fields);
 
 private:
-    void makeOptionsSync(const QStringList &fields);
-    void makeLoggerLink(const QStringList &fields);
-    void makeActionLink(const QStringList &fields);
+    // The connection entry being made: its options, the channel that carries it and what came of
+    // the options. Reset for every entry.
+    struct Current
+    {
+        QString entry;
+        ConnectionOptions options;
+        QString kind;
+        Propagator *channel = nullptr;
+        QStringList applied;
+        bool batchedMade = false;
+        bool optionsRefused = false; // warned about as a whole; no per-option warnings
+    };
+
+    void makeEntry(const QString &entry);
+    bool makePlainLink(const QStringList &fields);
+    bool routePlain(ZtMIFound *from, ZtMIFound *to, const QString &signal, const QString &slot);
+    PropagatorStreamConcurrent *newStreamChannel(bool batchedAllowed);
+    void carryStream(Propagator *pg, bool acrossThreads);
+    void limitQueue(Propagator *pg);
+    void carryFeedback(Propagator *pg, ZtMIFound *server, bool acrossThreads);
+    void warnUnapplied();
+    void optionWarning(const QString &text);
+    QString moduleName(int index) const;
+    bool makeOptionsSync(const QStringList &fields);
+    bool makeLoggerLink(const QStringList &fields);
+    bool makeActionLink(const QStringList &fields);
     bool connStreamToStream(const QStringList &fields, int a, int b);
     bool connStreamToExtended(const QStringList &fields, int a, int b);
     bool connExtendedToStream(const QStringList &fields, int a, int b);
@@ -37,4 +63,5 @@ private:
     ZtMIFound *moduleAt(int index) const;
 
     ZtKernel *kernel;
+    Current current;
 };

@@ -5,6 +5,8 @@
 #include "logger.h"
 #include "optisync.h"
 #include "propagator.h"
+#include "propagatorfeedbackconcurrent.h"
+#include "propagatorstreamconcurrent.h"
 #include "settingsfinding.h"
 #include "syssettings.h"
 #include "threadlauncher.h"
@@ -15,11 +17,13 @@
 #include "ztmodulemetadata.h"
 
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QDebug>
 #include <QDir>
 #include <QFile>
 #include <QLibraryInfo>
 #include <QMenu>
+#include <QMetaMethod>
 #include <QMetaObject>
 #include <QPluginLoader>
 #include <QSemaphore>
@@ -30,10 +34,19 @@
 #include <QTranslator>
 #include <QWidget>
 
+#include <cstdio>
 #include <functional>
 
 // Every debug line of the kernel starts with its object name.
 #define KDEBUG qDebug().noquote() << objectName()
+
+// "gen (id_0)": the module's alias, or its configured name when it has none, and its number.
+static QString moduleLabelFor(const ModuleLoadRecord &info)
+{
+    return QStringLiteral("%1 (id_%2)")
+        .arg(info.alias.isEmpty() ? info.name : info.alias)
+        .arg(info.number);
+}
 
 ZtKernel::ZtKernel(QObject *parent)
     : QObject(parent)
@@ -60,86 +73,193 @@ void ZtKernel::init(QObject *parent)
     widgetParent = nullptr;
     logger = nullptr;
     setObjectName(QStringLiteral("kernel"));
+    m_clock.start();
     threadLauncher = new ThreadLauncher(parentObject);
     qRegisterMetaType<ModuleOptions>("ModuleOptions");
 }
 
-// Runs `call` in the module's thread and waits for it: at once when the module lives in this
-// thread (or in one that no longer runs), else as a queued call. A module busy in its thread is
-// waited for as long as it takes, since deleting it under its own feet would be worse; every
-// few seconds a debug line names the module and the call it is waited for.
-static void runInModuleThread(const QString &kernelName, ZtMIFound *module, const char *what,
-                              const std::function<void()> &call)
+namespace {
+
+// A call into a module's thread that the kernel waits for, up to a deadline.
+struct PendingCall
 {
+    ZtMIFound *module = nullptr;
+    int index = -1; // the module's record
+    QSharedPointer<QSemaphore> done;
+};
+
+// Posts `call` into the module's thread; null `done` when it ran here at once (the module lives
+// in this thread, or in one that no longer runs).
+PendingCall postToModule(ZtMIFound *module, int index, const std::function<void()> &call)
+{
+    PendingCall pending {module, index, {}};
     QThread *home = module->thread();
     if (home == QThread::currentThread() || !home || !home->isRunning()) {
         call();
-        return;
+        return pending;
     }
-    auto done = QSharedPointer<QSemaphore>::create();
+    pending.done = QSharedPointer<QSemaphore>::create();
+    // The semaphore is shared with the posted call: a call that runs after the kernel gave up
+    // on it (a late module) releases a semaphore nobody waits for, never a freed one.
     QMetaObject::invokeMethod(
         module,
-        [call, done] {
+        [call, done = pending.done] {
             call();
             done->release();
         },
         Qt::QueuedConnection);
-    while (!done->tryAcquire(1, 5000)) {
-        qDebug().noquote() << kernelName << "waiting for module" << module->getId()
-                           << module->objectName() << "to finish" << what;
-    }
+    return pending;
 }
 
-// The modules of `records` that are not retired yet, in record order.
-static QList<ZtMIFound *> liveModules(const QList<ComplexModule> &records,
-                                      const QSet<const ZtMIFound *> &retired)
+} // namespace
+
+// The modules of `records` that are not retired yet, with their record numbers.
+static QList<QPair<ZtMIFound *, int>> liveModules(const QList<ComplexModule> &records,
+                                                  const QSet<const ZtMIFound *> &retired)
 {
-    QList<ZtMIFound *> live;
-    for (const ComplexModule &record : records) {
-        if (record.module && !retired.contains(record.module))
-            live.append(record.module);
+    QList<QPair<ZtMIFound *, int>> live;
+    for (int i = 0; i < records.size(); ++i) {
+        ZtMIFound *module = records.at(i).module;
+        if (module && !retired.contains(module))
+            live.append({module, i});
     }
     return live;
 }
 
-// Every module is finalised before any is let go: a module that still works until its final()
-// (a requester polling a feedback server, say) must not find its peer gone and wait for an
-// answer for ever. final() runs in the module's own thread; then each worker-thread module is
-// brought back to the GUI thread, where it will be deleted with its actions and widgets.
-void ZtKernel::finalise(const QList<ZtMIFound *> &live)
+QString ZtKernel::moduleLabel(int index) const
 {
-    for (ZtMIFound *module : live) {
+    if (index >= 0 && index < m_records.size())
+        return moduleLabelFor(m_records.at(index));
+    return QStringLiteral("id_%1").arg(index);
+}
+
+// Ends every producer's queue wait for good, and with `feedbackToo` releases blocked requesters
+// with the error answer: once a module hung, whoever waits for it would wait for ever.
+void ZtKernel::closeChannels(bool feedbackToo)
+{
+    for (Propagator *pg : qAsConst(propagators)) {
+        if (auto *stream = qobject_cast<PropagatorStreamConcurrent *>(pg))
+            stream->close();
+        else if (auto *feedback = qobject_cast<PropagatorFeedbackConcurrent *>(pg);
+                 feedback && feedbackToo)
+            feedback->close();
+    }
+}
+
+// Every module is finalised before any is let go: a module that still works until its final()
+// (a requester polling a feedback server, say) must not find its peer gone. final() runs in the
+// module's own thread; then each worker-thread module is brought back to the GUI thread, where
+// it will be deleted with its actions and widgets.
+//
+// The worker modules' final() calls are posted to their threads together, and together with
+// their return to the GUI thread they get shutdownTimeout() ms. A module that misses the
+// deadline is named (log level 2 and standard error) and left where it is with everything on its
+// thread; the rest shuts down as usual. Returns the modules that may be deleted.
+QList<ZtMIFound *> ZtKernel::finalise(const QList<QPair<ZtMIFound *, int>> &numbered)
+{
+    const QDeadlineTimer deadline(m_shutdownTimeout);
+    // No producer may stay blocked on a full queue whose consumer is finishing.
+    closeChannels(false);
+
+    QList<PendingCall> finals;
+    for (const auto &entry : qAsConst(numbered)) {
+        ZtMIFound *module = entry.first;
         QObject::disconnect(module, nullptr, nullptr, nullptr);
-        runInModuleThread(objectName(), module, "final", [module] { module->final(); });
+        finals.append(postToModule(module, entry.second, [module] { module->final(); }));
     }
+
+    // A healthy thread runs a queued call at once: once the time is up, the rest get this long.
+    const int grace = qMin(m_shutdownTimeout, 250);
+    auto arrived = [](const PendingCall &call, const QDeadlineTimer &until) {
+        return !call.done || call.done->tryAcquire(1, int(qMax<qint64>(0, until.remainingTime())));
+    };
+    auto name = [this](const PendingCall &call, const char *what) {
+        const int number = call.index >= 0 && call.index < m_records.size()
+            ? m_records.at(call.index).threadNumber
+            : -1;
+        const QString text = QStringLiteral("module %1 on thread %2 %3 within %4 ms")
+                                 .arg(moduleLabel(call.index))
+                                 .arg(number)
+                                 .arg(QLatin1String(what))
+                                 .arg(m_shutdownTimeout);
+        log(text, 2);
+        std::fprintf(stderr, "%s\n", qPrintable(text));
+        std::fflush(stderr);
+        m_hungThreads.insert(call.module->thread());
+    };
+
+    QList<PendingCall> outstanding;
+    for (const PendingCall &call : qAsConst(finals)) {
+        if (!arrived(call, deadline))
+            outstanding.append(call);
+    }
+    if (!outstanding.isEmpty()) {
+        // Someone hangs. Whoever waits in final() for an answer from it is released with the
+        // error answer, so that only the module that hangs is named.
+        closeChannels(true);
+        const QDeadlineTimer released(grace);
+        for (const PendingCall &call : qAsConst(outstanding)) {
+            if (!arrived(call, released))
+                name(call, "did not finish final()");
+        }
+    }
+
+    // Modules that share a thread with a late one stay there too: their turn would never come.
     QThread *gui = QCoreApplication::instance()->thread();
-    for (ZtMIFound *module : live) {
-        if (module->thread() != gui)
-            runInModuleThread(objectName(), module, "moveMeToTheMainThread",
-                              [module] { module->moveMeToTheMainThread(); });
+    QList<PendingCall> moves;
+    for (const auto &entry : qAsConst(numbered)) {
+        ZtMIFound *module = entry.first;
+        if (module->thread() == gui || m_hungThreads.contains(module->thread()))
+            continue;
+        moves.append(
+            postToModule(module, entry.second, [module] { module->moveMeToTheMainThread(); }));
     }
+    const QDeadlineTimer homecoming(qMax<qint64>(grace, deadline.remainingTime()));
+    for (const PendingCall &call : qAsConst(moves)) {
+        if (!arrived(call, homecoming))
+            name(call, "did not return to the GUI thread");
+    }
+
+    QList<ZtMIFound *> released;
+    for (const auto &entry : qAsConst(numbered)) {
+        QThread *home = entry.first->thread();
+        if (home == gui || !m_hungThreads.contains(home))
+            released.append(entry.first);
+    }
+    return released;
 }
 
 ZtKernel::~ZtKernel()
 {
-    const QList<ZtMIFound *> live = liveModules(modules, m_retired);
-    finalise(live);
-    for (ZtMIFound *module : live)
+    for (ZtMIFound *module : finalise(liveModules(modules, m_retired)))
         delete module;
     modules.clear();
 
     // The propagators belong to the kernel; one living in a running worker thread (the
     // propagator thread or a module's) is deleted there, so that no event of its own is being
-    // delivered while it goes away.
+    // delivered while it goes away. Those in a thread a late module holds stay where they are,
+    // and a thread that does not take the deletion within the shutdown time keeps its own.
     const QList<Propagator *> channels = propagators;
     propagators.clear();
+    m_rowChannels.clear();
     for (Propagator *pg : channels) {
         QThread *home = pg->thread();
-        if (home && home != QThread::currentThread() && home->isRunning())
+        if (m_hungThreads.contains(home))
+            continue;
+        if (home && home != QThread::currentThread() && home->isRunning()) {
+            auto done = QSharedPointer<QSemaphore>::create();
             QMetaObject::invokeMethod(
-                pg, [pg] { delete pg; }, Qt::BlockingQueuedConnection);
-        else
+                pg,
+                [pg, done] {
+                    delete pg;
+                    done->release();
+                },
+                Qt::QueuedConnection);
+            if (!done->tryAcquire(1, m_shutdownTimeout))
+                KDEBUG << "propagator" << pg << "not deleted: its thread did not take the call";
+        } else {
             delete pg;
+        }
     }
     // Synchronisers are children of the kernel and go with it.
     optiSyncs.clear();
@@ -147,6 +267,9 @@ ZtKernel::~ZtKernel()
 
 int ZtKernel::setSysSettings(SysSettings *settings)
 {
+    // setOptionsFileName started the phase before it parsed the file.
+    const qint64 start = m_settingsStart >= 0 ? m_settingsStart : now();
+    m_settingsStart = -1;
     if (sysSettings && sysSettings != settings)
         delete sysSettings;
     sysSettings = settings;
@@ -171,11 +294,20 @@ int ZtKernel::setSysSettings(SysSettings *settings)
                 .arg(finding.line)
                 .arg(finding.key, finding.reason),
             2);
+
+    bool timeoutOk = false;
+    const int timeout
+        = sysSettings->value(QStringLiteral("mainwindow/shutdowntimeout")).toInt(&timeoutOk);
+    if (timeoutOk && timeout > 0)
+        m_shutdownTimeout = timeout;
+
+    m_phases.append({QStringLiteral("settings"), start, now() - start, 0});
     return 0;
 }
 
 int ZtKernel::setOptionsFileName(QString fileName)
 {
+    m_settingsStart = now();
     return setSysSettings(new SysSettings(fileName, this));
 }
 
@@ -222,28 +354,52 @@ static ZtMIFound *moduleFromVariant(const QVariant &value, int type)
 
 int ZtKernel::loadModules(QString dir)
 {
+    const int phase = beginPhase(QStringLiteral("load modules"));
+    const QDir folder(dir);
     QPluginLoader loader;
     for (int i = 0; sysSettings->isModuleNameContains(i); ++i) {
+        const qint64 started = now();
         ComplexModule record;
         record.type = -1;
         const QString name = sysSettings->readModuleName(i);
-        const QString path = QDir(dir).filePath(name.toLower() + QStringLiteral(".dll"));
+        const QString path = folder.filePath(name.toLower() + QStringLiteral(".dll"));
+
+        ModuleLoadRecord info;
+        info.number = i;
+        info.name = name;
+        info.alias = sysSettings->value(QStringLiteral("aliases/id_%1").arg(i)).toString();
+        info.libraryPath = path;
+        info.threadNumber = sysSettings->readModuleThread(i);
+        // Every way out of this iteration keeps the record and the kernel's slot in step.
+        auto keep = [&](ModuleLoadRecord::Stage stage, const QString &error) {
+            info.stage = stage;
+            info.error = error;
+            info.loadNs = now() - started;
+            if (record.module) {
+                info.thread = record.module->thread();
+            }
+            m_phases.append(
+                {QStringLiteral("load %1").arg(moduleLabelFor(info)), started, info.loadNs, 1});
+            m_records.append(info);
+            modules.append(record);
+        };
 
         if (!QFile::exists(path)) {
             log(tr("can't load ") + name + tr(" plugin, file not exists"), 5);
             KDEBUG << "can't load " << name << " plugin, file not exists";
-            modules.append(record);
+            keep(ModuleLoadRecord::FileMissing, QStringLiteral("file not exists"));
             continue;
         }
 
         loader.setFileName(path);
         QObject *instance = loader.instance();
         if (!instance) {
+            const QString error = loader.errorString();
             log(tr("can't load ") + name + tr(" plugin"), 5);
-            log(loader.errorString(), 5);
+            log(error, 5);
             KDEBUG << "can't load " << name << " plugin!";
-            KDEBUG << loader.errorString();
-            modules.append(record);
+            KDEBUG << error;
+            keep(ModuleLoadRecord::NotAPlugin, error);
             continue;
         }
 
@@ -251,14 +407,18 @@ int ZtKernel::loadModules(QString dir)
         // A Qt plug-in that is not a module library would crash the walk below: say so instead.
         ZtLibLevelInterface *library = qobject_cast<ZtLibLevelInterface *>(instance);
         if (!library) {
+            const QString error
+                = tr("the plugin does not implement ") + QStringLiteral(ZtLibLevelInterface_iid);
             log(tr("can't load ") + name + tr(" plugin"), 5);
-            log(tr("the plugin does not implement ") + QStringLiteral(ZtLibLevelInterface_iid), 5);
+            log(error, 5);
             KDEBUG << "can't load " << name << " plugin!"
                    << "no" << ZtLibLevelInterface_iid;
-            modules.append(record);
+            keep(ModuleLoadRecord::NotAPlugin, error);
             continue;
         }
         record.library = library;
+        info.version = library->getVersion();
+        info.buildDate = library->getBuildDate();
         // The metadata embedded at build time is what tools read without loading the library;
         // a library whose own answers differ is loaded as it answers, with a warning.
         const QStringList differences
@@ -271,26 +431,27 @@ int ZtKernel::loadModules(QString dir)
         record.type = typeOfInterface(interfaceType);
 
         if (record.type == -1) {
-            log(tr("Unknown interface ") + interfaceType + tr(" of module ") + library->getName(),
-                5);
+            const QString error
+                = tr("Unknown interface ") + interfaceType + tr(" of module ") + library->getName();
+            log(error, 5);
             KDEBUG << "Unknown interface" << interfaceType << "of module" << library->getName();
-            modules.append(record);
+            keep(ModuleLoadRecord::UnknownInterface, error);
             continue;
         }
 
         record.module = moduleFromVariant(library->instance(i, nullptr), record.type);
         if (!record.module) {
             KDEBUG << "module" << name << "not created by its library";
-            modules.append(record);
+            keep(ModuleLoadRecord::NoInstance, QStringLiteral("module not created by its library"));
             continue;
         }
         ZtMIFound *module = record.module;
         module->setup();
-        sysSettings->readModuleSetting(i, module->getOptions());
-        logger->registerSource(module,
-                               module->getOptions()->value(QStringLiteral(".alias")).toString());
+        QHash<QString, QVariant> *options = module->getOptions();
+        sysSettings->readModuleSetting(i, options);
+        logger->registerSource(module, options->value(QStringLiteral(".alias")).toString());
 
-        const int threadNumber = sysSettings->readModuleThread(i);
+        const int threadNumber = info.threadNumber;
         if (threadNumber >= 0) {
             if (!module->property("isneedthreadgui").toBool())
                 module->moveToThread(threadLauncher->placeAt(threadNumber));
@@ -298,22 +459,42 @@ int ZtKernel::loadModules(QString dir)
                 KDEBUG << "Warning:" << name << "can not be moved to thread"
                        << threadLauncher->threadAt(threadNumber);
         }
+        if (module->thread() == thread())
+            info.threadNumber = -1;
 
+        const QString version = info.version;
         if (logger) {
             log(tr("Load module ") + name
                     + tr(" to thread  0x%1 (")
                           .arg(QString::number(reinterpret_cast<quintptr>(module->thread()), 16))
-                    + library->getVersion() + tr(" builded:") + library->getBuildDate()
-                    + QStringLiteral(")\n"),
+                    + version + tr(" builded:") + info.buildDate + QStringLiteral(")\n"),
                 1);
         }
-        // By signature, so that a "logger" connection entry can see it and refuse a duplicate.
-        connect(module, SIGNAL(state(QString, Logger::Level)), logger,
-                SLOT(append(QString, Logger::Level)));
-        KDEBUG << "Load module" << name << "(v " << library->getVersion() << ") to thread"
-               << module->thread();
-        modules.append(record);
+        // By method, like a connection made by signature, so that a "logger" connection entry
+        // can see it and refuse a duplicate; looked up once instead of normalised per module.
+        static const QMetaMethod stateSignal = ZtMIFound::staticMetaObject.method(
+            ZtMIFound::staticMetaObject.indexOfSignal("state(QString,Logger::Level)"));
+        static const QMetaMethod appendSlot = Logger::staticMetaObject.method(
+            Logger::staticMetaObject.indexOfSlot("append(QString,Logger::Level)"));
+        connect(module, stateSignal, logger, appendSlot);
+        KDEBUG << "Load module" << name << "(v " << version << ") to thread" << module->thread();
+        keep(ModuleLoadRecord::Created, QString());
     }
+
+    // Worker threads are named after the modules they carry, for top -H, debuggers and the
+    // launcher's last words about a thread that will not stop.
+    QVector<QStringList> carried(threadLauncher->threadCount());
+    for (const ModuleLoadRecord &info : qAsConst(m_records)) {
+        if (info.threadNumber >= 0 && info.threadNumber < carried.size())
+            carried[info.threadNumber].append(info.alias.isEmpty() ? info.name : info.alias);
+    }
+    for (int n = 0; n < carried.size(); ++n)
+        threadLauncher->setThreadModules(n, carried.at(n));
+    for (ModuleLoadRecord &info : m_records) {
+        if (info.thread)
+            info.threadName = info.thread->objectName();
+    }
+    endPhase(phase);
     return 0;
 }
 
@@ -329,11 +510,14 @@ static void flushEvents()
 
 int ZtKernel::initModules()
 {
+    const int phase = beginPhase(QStringLiteral("init modules"));
     const QList<ComplexModule> snapshot = modules;
-    for (const ComplexModule &record : snapshot) {
+    for (int i = 0; i < snapshot.size(); ++i) {
+        const ComplexModule &record = snapshot.at(i);
         ZtMIFound *module = record.module;
         if (!module)
             continue;
+        const qint64 started = now();
         const bool widgetsOk = widgetParent ? module->initWidgets(widgetParent) : true;
         bool initOk = false;
         if (module->thread() == thread())
@@ -343,6 +527,19 @@ int ZtKernel::initModules()
                                       Q_RETURN_ARG(bool, initOk));
         // A module that failed to start stays loaded: it is only reported.
         KDEBUG << record.library->getName() << "init" << ((widgetsOk && initOk) ? "true" : "false");
+        const qint64 took = now() - started;
+        if (i < m_records.size()) {
+            ModuleLoadRecord &info = m_records[i];
+            info.initNs = took;
+            info.stage = (widgetsOk && initOk) ? ModuleLoadRecord::Initialised
+                                               : ModuleLoadRecord::InitFailed;
+            if (!initOk)
+                info.error = QStringLiteral("init() returned false");
+            else if (!widgetsOk)
+                info.error = QStringLiteral("initWidgets() returned false");
+            m_phases.append(
+                {QStringLiteral("init %1").arg(moduleLabelFor(info)), started, took, 1});
+        }
     }
 
     for (const ComplexModule &record : snapshot) {
@@ -365,16 +562,19 @@ int ZtKernel::initModules()
     emit actStart();
     emit actStart(QByteArray());
     emit actStart(QVariantList());
+    endPhase(phase);
     return 0;
 }
 
 int ZtKernel::unloadModules()
 {
-    const QList<ZtMIFound *> live = liveModules(modules, m_retired);
-    finalise(live);
-    for (ZtMIFound *module : live) {
-        module->deleteLater();
-        m_retired.insert(module);
+    const QList<QPair<ZtMIFound *, int>> live = liveModules(modules, m_retired);
+    const QList<ZtMIFound *> released = finalise(live);
+    // A late module is retired as well (never touched again), but not deleted.
+    for (const auto &entry : live) {
+        if (released.contains(entry.first))
+            entry.first->deleteLater();
+        m_retired.insert(entry.first);
     }
     return 0;
 }
@@ -513,7 +713,9 @@ SysSettings *ZtKernel::getSysSettings() const
 
 void ZtKernel::makeConnections()
 {
+    const int phase = beginPhase(QStringLiteral("connections"));
     KernelWiring(this).makeConnections();
+    endPhase(phase);
 }
 
 bool ZtKernel::connMod2Mod(QStringList fields)
@@ -523,22 +725,24 @@ bool ZtKernel::connMod2Mod(QStringList fields)
 
 QList<QWidget *> ZtKernel::getWMains()
 {
-    return KernelWindow(this).getWMains();
+    return timedElements<QList<QWidget *>>([](KernelWindow window) { return window.getWMains(); });
 }
 
 QList<QWidget *> ZtKernel::getWOptions()
 {
-    return KernelWindow(this).getWOptions();
+    return timedElements<QList<QWidget *>>(
+        [](KernelWindow window) { return window.getWOptions(); });
 }
 
 QList<QMenu *> ZtKernel::getMenus()
 {
-    return KernelWindow(this).getMenus();
+    return timedElements<QList<QMenu *>>([](KernelWindow window) { return window.getMenus(); });
 }
 
 QList<QToolBar *> ZtKernel::getToolBars()
 {
-    return KernelWindow(this).getToolBars();
+    return timedElements<QList<QToolBar *>>(
+        [](KernelWindow window) { return window.getToolBars(); });
 }
 
 void ZtKernel::updateWidgets()
@@ -548,40 +752,88 @@ void ZtKernel::updateWidgets()
 
 QList<ModuleLoadRecord> ZtKernel::loadRecords() const
 {
-    return {};
+    return m_records;
 }
 
 QList<StartupPhase> ZtKernel::startupPhases() const
 {
-    return {};
+    return m_phases;
 }
 
 QList<ChannelRow> ZtKernel::channelRows() const
 {
-    return {};
+    QList<ChannelRow> rows = m_rows;
+    for (int i = 0; i < rows.size(); ++i) {
+        if (Propagator *pg = m_rowChannels.value(i))
+            rows[i].stats = pg->stats();
+    }
+    return rows;
 }
 
 void ZtKernel::setShutdownTimeout(int msecs)
 {
-    Q_UNUSED(msecs)
+    if (msecs > 0)
+        m_shutdownTimeout = msecs;
 }
 
 int ZtKernel::shutdownTimeout() const
 {
-    return 3000;
+    return m_shutdownTimeout;
+}
+
+qint64 ZtKernel::now() const
+{
+    return m_clock.nsecsElapsed();
+}
+
+// Phases are appended when they begin, so that the steps they hold follow them in the list.
+int ZtKernel::beginPhase(const QString &name, int depth)
+{
+    m_phases.append({name, now(), 0, depth});
+    return m_phases.size() - 1;
+}
+
+void ZtKernel::endPhase(int index)
+{
+    StartupPhase &phase = m_phases[index];
+    phase.durationNs = now() - phase.startNs;
+}
+
+// The four element builders are one phase, "window elements", that each of them extends.
+template<class Result, class Builder>
+Result ZtKernel::timedElements(Builder build)
+{
+    const qint64 started = now();
+    Result result = build(KernelWindow(this));
+    const qint64 took = now() - started;
+    if (m_elementsPhase < 0) {
+        m_phases.append({QStringLiteral("window elements"), started, took, 0});
+        m_elementsPhase = m_phases.size() - 1;
+    } else {
+        m_phases[m_elementsPhase].durationNs += took;
+    }
+    return result;
 }
 
 QString ModuleLoadRecord::stageText(Stage stage)
 {
     switch (stage) {
-    case NotLoaded: return QStringLiteral("not loaded");
-    case FileMissing: return QStringLiteral("file missing");
-    case NotAPlugin: return QStringLiteral("not a plug-in");
-    case UnknownInterface: return QStringLiteral("unknown interface type");
-    case NoInstance: return QStringLiteral("no instance");
-    case Created: return QStringLiteral("created");
-    case Initialised: return QStringLiteral("initialised");
-    case InitFailed: return QStringLiteral("init returned false");
+    case NotLoaded:
+        return QStringLiteral("not loaded");
+    case FileMissing:
+        return QStringLiteral("file missing");
+    case NotAPlugin:
+        return QStringLiteral("not a plug-in");
+    case UnknownInterface:
+        return QStringLiteral("unknown interface type");
+    case NoInstance:
+        return QStringLiteral("no instance");
+    case Created:
+        return QStringLiteral("created");
+    case Initialised:
+        return QStringLiteral("initialised");
+    case InitFailed:
+        return QStringLiteral("init returned false");
     }
     return QString();
 }

@@ -4,6 +4,7 @@
 #include "ztkernelrecords.h"
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QList>
 #include <QObject>
 #include <QSet>
@@ -55,7 +56,9 @@ public:
     ZtKernel(QWidget *widgetParent, QObject *parent);
     // Finalises and deletes every module that unloadModules has not retired yet: final() in the
     // module's own thread, a worker-thread module moved back to the GUI thread, then deleted.
-    // All modules are finalised before the first is deleted.
+    // All modules are finalised before the first is deleted. The worker-thread modules get
+    // shutdownTimeout() ms for both steps together; a module that misses it is named (log level
+    // 2 and standard error) and left where it is, with everything living on its thread.
     ~ZtKernel() override;
 
     void init(QObject *parent);
@@ -76,7 +79,7 @@ public:
     // back to the GUI thread, and schedules its deletion there, so that its actions and widgets
     // die on the GUI thread. The records are left as they are; their module pointers dangle
     // once the deferred deletions ran. Retired modules are never touched again: calling this
-    // twice, or destroying the kernel afterwards, is safe.
+    // twice, or destroying the kernel afterwards, is safe. Bounded like the destructor.
     int unloadModules();
     int loadTranslations(QString locale, QString dir);
 
@@ -128,7 +131,14 @@ private:
 
     ZtMIFound *moduleAt(int index) const;
     void log(const QString &text, int level);
-    void finalise(const QList<ZtMIFound *> &live);
+    QList<ZtMIFound *> finalise(const QList<QPair<ZtMIFound *, int>> &numbered);
+    void closeChannels(bool feedbackToo);
+    QString moduleLabel(int index) const;
+    qint64 now() const;
+    int beginPhase(const QString &name, int depth = 0);
+    void endPhase(int index);
+    template<class Result, class Builder>
+    Result timedElements(Builder build);
 
     QObject *parentObject;
     QWidget *widgetParent;
@@ -142,4 +152,17 @@ private:
     int quitRequests;
     // Modules that unloadModules finalised and handed to deleteLater.
     QSet<const ZtMIFound *> m_retired;
+    // Threads holding a module that missed the shutdown deadline: nothing living there is
+    // deleted or waited for again.
+    QSet<const QThread *> m_hungThreads;
+
+    QElapsedTimer m_clock; // started with the kernel; every phase time is read from it
+    qint64 m_settingsStart = -1;
+    int m_elementsPhase = -1;
+    QList<ModuleLoadRecord> m_records;
+    QList<StartupPhase> m_phases;
+    // One row per connection entry and the channel behind it (null: none), read at channelRows().
+    QList<ChannelRow> m_rows;
+    QList<Propagator *> m_rowChannels;
+    int m_shutdownTimeout = 3000;
 };

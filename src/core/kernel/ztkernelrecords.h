@@ -29,7 +29,7 @@ struct ZTCORE_EXPORT ModuleLoadRecord
     QString libraryPath; // the file the kernel tried
     Stage stage = NotLoaded;
     QString error; // the loader's or the kernel's text for a failure
-    int threadNumber = -1; // configured ".thread"; -1: the GUI thread
+    int threadNumber = -1; // the worker thread it was placed on (".thread"); -1: the GUI thread
     QString threadName;
     QPointer<QThread> thread;
     qint64 loadNs = -1; // monotonic time spent loading and creating the module; -1: not measured
@@ -55,6 +55,7 @@ struct ZTCORE_EXPORT ChannelRow
 {
     QString entry; // as read from the settings (options included)
     QString kind; // "signal/slot", "stream", "feedback", "options", "logger", "action", "batched"
+                  // ("unknown": a target that is neither a module nor "logger")
     QString source; // module alias or id, and signal or propagator name
     QString sourceName;
     QString target;
