@@ -573,7 +573,7 @@ void tst_ZtKernel::shutdownWatchdog()
     const QString named
         = QStringLiteral("module slow (id_0) on thread 1 did not finish final() within 1000 ms");
     QVERIFY2(err.contains(named + '\n'), qPrintable(err));
-    QCOMPARE(err.count(QStringLiteral("did not")), 1);
+    QCOMPARE(err.count(QStringLiteral("did not finish final()")), 1);
     QVERIFY(readLog(dir.filePath("host.log")).contains("(EE) <stamp> null:    " + named + '\n'));
     QCOMPARE(out, QStringLiteral("module 1: final threadChange destroyed\n"));
 }
