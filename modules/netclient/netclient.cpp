@@ -89,24 +89,16 @@ bool NetClient::init()
     // The channel emits its requests in the channel's thread; they reach this module queued.
     PropagatorFeedback *remote = feedbacks.value(QStringLiteral("remote"));
     connect(remote, &PropagatorFeedback::tryRead, this, [this](qlonglong pos) {
-        enqueue({NetWire::Read, pos, QCborValue()});
+        enqueue({NetWire::Read, pos, false, {}, {}});
     });
     connect(remote, &PropagatorFeedback::tryReadList, this, [this](qlonglong pos) {
-        enqueue({NetWire::ReadList, pos, QCborValue()});
+        enqueue({NetWire::ReadList, pos, true, {}, {}});
     });
     connect(remote, &PropagatorFeedback::tryWrite, this, [this](const QByteArray &data) {
-        enqueue({NetWire::Write, 0, QCborValue(data)});
+        enqueue({NetWire::Write, 0, false, {}, data});
     });
     connect(remote, &PropagatorFeedback::tryWriteList, this, [this](const QVariantList &list) {
-        QCborArray encoded;
-        QString error;
-        if (!NetWire::encodeList(list, &encoded, &error)) {
-            emit state(QStringLiteral("list write refused: %1").arg(error), Logger::Warning);
-            // Failed at once, in its turn: the answer must follow the earlier requests' answers.
-            enqueue({NetWire::WriteList, 0, QCborValue(), true});
-            return;
-        }
-        enqueue({NetWire::WriteList, 0, QCborValue(encoded)});
+        enqueue({NetWire::WriteList, 0, true, list, {}});
     });
     emit state(
         QStringLiteral("forwarding requests to %1, time-out %2 ms").arg(endpoint).arg(timeout),
@@ -119,11 +111,11 @@ void NetClient::final()
     disconnect(feedbacks.value(QStringLiteral("remote")), nullptr, this, nullptr);
     // Every requester still waiting is released with the error answer.
     if (busy)
-        finish(-1, QCborValue());
+        finish(-1);
     while (!queue.isEmpty()) {
         current = queue.dequeue();
         busy = true;
-        finish(-1, QCborValue());
+        finish(-1);
     }
     delete deadline;
     deadline = nullptr;
@@ -157,18 +149,28 @@ void NetClient::startNext()
         current = queue.dequeue();
         busy = true;
         ++requests;
-        if (!socket || current.refused) {
-            finish(-1, QCborValue());
-            continue;
-        }
         NetWire::Envelope e;
         e.kind = NetWire::Request;
         e.id = clientId;
         e.seq = ++lastId;
         e.op = current.op;
         e.pos = current.pos;
-        e.data = current.data;
-        currentBytes = NetWire::encode(e);
+        e.isList = current.isList;
+        e.list = current.list;
+        e.bytes = current.bytes;
+        QString error;
+        currentBytes = NetWire::encode(e, &error);
+        if (!socket || currentBytes.isEmpty()) {
+            // Failed at once, in its turn: answers keep the order of the requests.
+            if (!error.isEmpty())
+                emit state(QStringLiteral("%1 request %2 refused: %3")
+                               .arg(QLatin1String(opName(current.op)))
+                               .arg(lastId)
+                               .arg(error),
+                           Logger::Warning);
+            finish(-1);
+            continue;
+        }
         sent = false;
         deadline->start(timeout);
         trySend();
@@ -229,7 +231,7 @@ bool NetClient::drain()
             continue;
         }
         ++answers;
-        finish(e.pos, e.data);
+        finish(e.pos, e.list, e.bytes);
     }
     return true;
 }
@@ -246,10 +248,10 @@ void NetClient::expire()
                    .arg(timeout)
                    .arg(sent ? QString() : QStringLiteral(" (no server connected)")),
                Logger::Warning);
-    finish(-1, QCborValue());
+    finish(-1);
 }
 
-void NetClient::finish(qint64 pos, const QCborValue &data)
+void NetClient::finish(qint64 pos, const QVariantList &list, const QByteArray &bytes)
 {
     busy = false;
     sent = false;
@@ -260,18 +262,11 @@ void NetClient::finish(qint64 pos, const QCborValue &data)
     PropagatorFeedback *remote = feedbacks.value(QStringLiteral("remote"));
     switch (current.op) {
     case NetWire::Read:
-        remote->readReturn(data.toByteArray());
+        remote->readReturn(bytes);
         break;
-    case NetWire::ReadList: {
-        QVariantList list;
-        QString error;
-        if (data.isArray() && !NetWire::decodeList(data.toArray(), &list, &error)) {
-            emit state(QStringLiteral("answer refused: %1").arg(error), Logger::Warning);
-            list.clear();
-        }
+    case NetWire::ReadList:
         remote->readListReturn(list);
         break;
-    }
     case NetWire::Write:
         remote->writeReturn(pos);
         break;

@@ -2,7 +2,6 @@
 
 #include <ztmiextended.h>
 
-#include <QCborValue>
 #include <QElapsedTimer>
 #include <QQueue>
 #include <QSet>
@@ -47,8 +46,9 @@ private:
     {
         int op = 0;
         qint64 pos = 0;
-        QCborValue data;
-        bool refused = false; // could not be encoded: fails in its turn
+        bool isList = true;
+        QVariantList list;
+        QByteArray bytes;
     };
 
     void enqueue(const Request &request);
@@ -57,7 +57,7 @@ private:
     bool drain();
     void expire();
     // Hands the answer of the current request to the requester and moves on.
-    void finish(qint64 pos, const QCborValue &data);
+    void finish(qint64 pos, const QVariantList &list = {}, const QByteArray &bytes = {});
 
     NetSocket *socket = nullptr;
     QTimer *deadline = nullptr;

@@ -1,8 +1,6 @@
 #pragma once
 
 #include <QByteArray>
-#include <QCborArray>
-#include <QCborValue>
 #include <QString>
 #include <QVariantList>
 
@@ -28,29 +26,29 @@ struct Envelope
     QString topic;
     int op = 0;
     qint64 pos = 0;
-    QCborValue data;
+    // "data": a list when isList, else bytes.
+    bool isList = true;
+    QVariantList list;
+    QByteArray bytes;
 };
 
-QByteArray encode(const Envelope &envelope);
-// False with a reason when the bytes are not an envelope (not CBOR, not a map, no kind).
-bool decode(const QByteArray &bytes, Envelope *envelope, QString *error);
-
-// The CBOR form of one list as convArrayToList writes it, value by value:
+// The CBOR form of a list as convArrayToList writes it, value by value:
 //   bool, integers (int, long long, unsigned) -> CBOR bool / integer
 //   float, double                   -> CBOR double
 //   QString                         -> text string
 //   QByteArray                      -> byte string
 //   QVariantList                    -> array (nested)
-//   QDateTime                       -> tag 0 (RFC 3339 date-time text, milliseconds)
+//   QDateTime                       -> tag 0, RFC 3339 text with milliseconds and offset ("Z")
 //   QPen                            -> map {"colour": "#aarrggbb", "width": double, "style": int}
 //   invalid QVariant (terminator)   -> undefined
 //   QVector<qint8|16|32|64|double>  -> RFC 8746 typed array: tag 72/77/78/79/86 on a byte string
 //                                      of little-endian elements
-// Any other type is refused: false, *error names the type, *out is left as it was.
-bool encodeList(const QVariantList &list, QCborArray *out, QString *error);
-// The reverse; integers come back as int when they fit, else as long long. False with a reason
-// on a value that no list of ours holds.
-bool decodeList(const QCborArray &array, QVariantList *out, QString *error);
+// Any other type is refused: encode() returns an empty array and *error names the type; nothing
+// of the list is sent.
+QByteArray encode(const Envelope &envelope, QString *error);
+// False with a reason when the bytes are not an envelope (not CBOR, not a map, no kind) or hold
+// a value no list of ours holds. Integers come back as int when they fit, else as long long.
+bool decode(const QByteArray &bytes, Envelope *envelope, QString *error);
 
 // A random non-negative 63-bit id, different at every call in practice.
 qint64 randomId();

@@ -75,37 +75,42 @@ void NetPublisher::publishList(const QVariantList &list)
 {
     if (!socket)
         return;
-    QCborArray payload;
-    QString error;
-    if (!NetWire::encodeList(list, &payload, &error)) {
-        // One line for the first refusals and then one per thousand, not one per list.
-        const quint64 n = ++refused;
-        if (n <= 10 || n % 1000 == 0)
-            emit state(QStringLiteral("refused list %1 (%2): %3; the list was not sent")
-                           .arg(n)
-                           .arg(list.size())
-                           .arg(error),
-                       Logger::Warning);
-        return;
-    }
-    publish(QCborValue(payload));
+    NetWire::Envelope e;
+    e.list = list;
+    publish(e);
 }
 
 void NetPublisher::publishBytes(const QByteArray &bytes)
 {
-    if (socket)
-        publish(QCborValue(bytes));
+    if (!socket)
+        return;
+    NetWire::Envelope e;
+    e.isList = false;
+    e.bytes = bytes;
+    publish(e);
 }
 
-void NetPublisher::publish(const QCborValue &payload)
+void NetPublisher::publish(NetWire::Envelope &e)
 {
-    NetWire::Envelope e;
     e.kind = NetWire::Data;
     e.id = publisherId;
-    e.seq = seq++;
+    e.seq = seq;
     e.topic = QString::fromUtf8(topic);
-    e.data = payload;
-    const QByteArray bytes = NetWire::encode(e);
+    QString error;
+    const QByteArray bytes = NetWire::encode(e, &error);
+    if (bytes.isEmpty()) {
+        // One line for the first refusals and then one per thousand, not one per list. A
+        // refused list takes no sequence number: the subscribers see no gap for it.
+        const quint64 n = ++refused;
+        if (n <= 10 || n % 1000 == 0)
+            emit state(QStringLiteral("refused list %1 (%2 values): %3; the list was not sent")
+                           .arg(n)
+                           .arg(e.list.size())
+                           .arg(error),
+                       Logger::Warning);
+        return;
+    }
+    ++seq;
     // PUB never blocks: at the high-water mark ZeroMQ drops the message for that subscriber,
     // which sees the gap in the sequence numbers.
     try {

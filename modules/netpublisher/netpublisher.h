@@ -7,6 +7,9 @@
 #include <atomic>
 
 class NetSocket;
+namespace NetWire {
+struct Envelope;
+}
 
 // Publishes every list (and byte array) that arrives on its stream propagator "in" on a ZeroMQ
 // PUB socket bound to `endpoint`, under `topic`, numbered from 0 with the publisher id of this
@@ -36,7 +39,7 @@ protected:
     void initOptions() override;
 
 private:
-    void publish(const QCborValue &payload);
+    void publish(NetWire::Envelope &e);
 
     NetSocket *socket = nullptr;
     QString endpoint;

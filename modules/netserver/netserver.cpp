@@ -105,10 +105,20 @@ bool NetServer::drain()
         if (!serve(request, &answer)) {
             ++timeouts;
             answer.pos = -1;
-            answer.data = (request.op == NetWire::Read) ? QCborValue(QByteArray())
-                                                        : QCborValue(QCborArray());
+            answer.isList = request.op != NetWire::Read;
+            answer.list.clear();
+            answer.bytes.clear();
         }
-        const QByteArray bytes = NetWire::encode(answer);
+        QByteArray bytes = NetWire::encode(answer, &error);
+        if (bytes.isEmpty()) {
+            emit state(QStringLiteral("the local answer to request %1 cannot be sent: %2")
+                           .arg(request.seq)
+                           .arg(error),
+                       Logger::Warning);
+            answer.pos = -1;
+            answer.list.clear();
+            bytes = NetWire::encode(answer, &error);
+        }
         try {
             for (size_t i = 0; i + 1 < frames.size(); ++i)
                 socket->socket().send(frames[i],
@@ -129,12 +139,12 @@ bool NetServer::serve(const NetWire::Envelope &request, NetWire::Envelope *answe
 {
     PropagatorFeedback *local = feedbacks.value(QStringLiteral("local"));
     const bool concurrent = qobject_cast<PropagatorFeedbackConcurrent *>(local) != nullptr;
-    QString error;
-    bool ok = true;
+    answer->isList = request.op != NetWire::Read;
     switch (request.op) {
     case NetWire::Read:
     case NetWire::ReadList: {
         const bool list = request.op == NetWire::ReadList;
+        bool ok = true;
         if (concurrent) {
             // A deferred read, so that the wait is bounded. An answer that came after an earlier
             // time-out is still waiting to be collected: collect and drop it first.
@@ -146,24 +156,14 @@ bool NetServer::serve(const NetWire::Envelope &request, NetWire::Envelope *answe
                 if (!ask())
                     return false;
             }
-        }
-        if (list) {
-            const QVariantList values = concurrent ? local->waitLaterReadList(timeout, &ok)
-                                                   : local->readList(request.pos);
-            QCborArray encoded;
-            if (ok && !NetWire::encodeList(values, &encoded, &error)) {
-                emit state(QStringLiteral("the local answer to request %1 cannot be sent: %2")
-                               .arg(request.seq)
-                               .arg(error),
-                           Logger::Warning);
-                answer->data = QCborArray();
-                return true;
-            }
-            answer->data = encoded;
+            if (list)
+                answer->list = local->waitLaterReadList(timeout, &ok);
+            else
+                answer->bytes = local->waitLaterRead(timeout, &ok);
+        } else if (list) {
+            answer->list = local->readList(request.pos);
         } else {
-            const QByteArray bytes
-                = concurrent ? local->waitLaterRead(timeout, &ok) : local->read(request.pos);
-            answer->data = bytes;
+            answer->bytes = local->read(request.pos);
         }
         if (!ok) {
             emit state(QStringLiteral("request %1: the local server did not answer within %2 ms")
@@ -176,28 +176,16 @@ bool NetServer::serve(const NetWire::Envelope &request, NetWire::Envelope *answe
         return true;
     }
     case NetWire::Write:
-        answer->pos = local->write(request.data.toByteArray());
-        answer->data = QByteArray();
+        answer->pos = local->write(request.bytes);
         return true;
-    case NetWire::WriteList: {
-        QVariantList values;
-        if (!NetWire::decodeList(request.data.toArray(), &values, &error)) {
-            emit state(QStringLiteral("request %1 refused: %2").arg(request.seq).arg(error),
-                       Logger::Warning);
-            answer->pos = -1;
-            answer->data = QCborArray();
-            return true;
-        }
-        answer->pos = local->writeList(values);
-        answer->data = QCborArray();
+    case NetWire::WriteList:
+        answer->pos = local->writeList(request.list);
         return true;
-    }
     default:
         emit state(QStringLiteral("request %1 refused: unknown operation %2")
                        .arg(request.seq)
                        .arg(request.op),
                    Logger::Warning);
-        answer->data = QCborArray();
         return true;
     }
 }

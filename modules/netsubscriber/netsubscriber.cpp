@@ -155,18 +155,10 @@ void NetSubscriber::take(const QByteArray &bytes)
         lostInPass += quint64(e.seq - *next);
     }
     *next = e.seq + 1;
-    PropagatorStream *out = streams.value(QStringLiteral("out"));
-    if (e.data.isByteArray()) {
-        ++received;
-        out->send(e.data.toByteArray());
-        return;
-    }
-    QVariantList list;
-    if (!NetWire::decodeList(e.data.toArray(), &list, &error)) {
-        ++refused;
-        emit state(QStringLiteral("refused list %1: %2").arg(e.seq).arg(error), Logger::Warning);
-        return;
-    }
     ++received;
-    out->sendList(list);
+    PropagatorStream *out = streams.value(QStringLiteral("out"));
+    if (e.isList)
+        out->sendList(e.list);
+    else
+        out->send(e.bytes);
 }
