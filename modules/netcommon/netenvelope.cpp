@@ -373,6 +373,36 @@ public:
         return true;
     }
 
+    // Reads past one item of any kind (the value of a key we do not know).
+    bool skip(int depth = 0)
+    {
+        if (depth > MaxDepth)
+            return fail(QStringLiteral("nested too deep"));
+        int major = 0, info = 0;
+        quint64 arg = 0;
+        const char *ignored = nullptr;
+        if (!head(&major, &arg, &info))
+            return false;
+        switch (major) {
+        case Bytes:
+        case Text:
+            return span(arg, &ignored);
+        case Array:
+        case Map:
+            if (arg > quint64(end - p))
+                return fail(QStringLiteral("truncated CBOR"));
+            for (quint64 i = 0; i < (major == Map ? 2 * arg : arg); ++i) {
+                if (!skip(depth + 1))
+                    return false;
+            }
+            return true;
+        case Tag:
+            return skip(depth + 1);
+        default:
+            return true; // integers and simple values: the head was all of it
+        }
+    }
+
     bool value(QVariant *out, int depth = 0)
     {
         if (depth > MaxDepth)
@@ -544,6 +574,12 @@ bool decode(const QByteArray &bytes, Envelope *e, QString *error)
             e->bytes = v.toByteArray();
             continue;
         }
+        static const QStringList known {"k", "id", "seq", "op", "pos", "topic"};
+        if (!known.contains(key)) {
+            if (!r.skip()) // a newer sender's key
+                break;
+            continue;
+        }
         if (!r.value(&v))
             break;
         if (key == QLatin1String("k")) {
@@ -559,7 +595,6 @@ bool decode(const QByteArray &bytes, Envelope *e, QString *error)
             e->pos = v.toLongLong();
         else if (key == QLatin1String("topic"))
             e->topic = v.toString();
-        // any other key: a newer sender's; its value has been read past
     }
     if (!r.error.isEmpty()) {
         *error = r.error;

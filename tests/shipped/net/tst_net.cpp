@@ -140,6 +140,7 @@ private slots:
     void payloadRoundTrip();
     void refusesUnknownType_data();
     void refusesUnknownType();
+    void skipsUnknownKeys();
     void refusesMalformed_data();
     void refusesMalformed();
     void streamAcrossProcesses();
@@ -263,6 +264,20 @@ void tst_Net::refusesMalformed_data()
     QTest::newRow("cut inside the list")
         << QByteArray::fromHex("a2616b00646461746183010203").left(11);
     QTest::newRow("unknown tag") << QByteArray::fromHex("a2616b00646461746181d9ffff01");
+}
+
+void tst_Net::skipsUnknownKeys()
+{
+    // {"k": 0, "x": {"a": [1, 2.5], "b": h'00'}, "seq": 3, "topic": "t", "data": [1]}: a newer
+    // sender's key, whatever its value, is read past.
+    const QByteArray bytes = QByteArray::fromHex(
+        "a5616b006178a261618201fb400400000000000061624100637365710365746f706963617464646174618101");
+    NetWire::Envelope e;
+    QString error;
+    QVERIFY2(NetWire::decode(bytes, &e, &error), qPrintable(error));
+    QCOMPARE(e.seq, qint64(3));
+    QCOMPARE(e.topic, QString("t"));
+    QCOMPARE(e.list, QVariantList {1});
 }
 
 void tst_Net::refusesMalformed()
