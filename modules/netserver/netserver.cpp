@@ -6,6 +6,8 @@
 #include <propagatorfeedback.h>
 #include <propagatorfeedbackconcurrent.h>
 
+#include <QElapsedTimer>
+
 #include <vector>
 
 NetServer::NetServer(int id, QObject *parent)
@@ -68,8 +70,11 @@ void NetServer::final()
 
 bool NetServer::drain()
 {
-    // A few requests per pass: each may hold the thread up to the time-out.
-    for (int n = 0; n < 16; ++n) {
+    // Requests for 20 ms at most per pass, then the event loop gets its turn (final() among
+    // others, so that stopping waits for one local answer at most, not for a queue of them).
+    QElapsedTimer pass;
+    pass.start();
+    while (pass.elapsed() < 20) {
         // ROUTER: the client's routing frames (identity, and the empty delimiter of a REQ
         // client), then the envelope. The routing frames go back in front of the answer.
         std::vector<zmq::message_t> frames;

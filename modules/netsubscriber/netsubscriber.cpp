@@ -5,6 +5,8 @@
 
 #include <propagatorstream.h>
 
+#include <QElapsedTimer>
+
 NetSubscriber::NetSubscriber(int id, QObject *parent)
     : ZtMIExtended(id, parent)
 { }
@@ -77,11 +79,16 @@ void NetSubscriber::final()
 
 bool NetSubscriber::drain()
 {
-    // At most this many messages per pass, so that the thread's other events get their turn.
-    constexpr int budget = 2000;
-    int n = 0;
+    // At most 20 ms per pass, so that the thread's other events get their turn; the clock is
+    // read every 64 messages only.
+    QElapsedTimer pass;
+    pass.start();
     bool more = false;
-    for (; n < budget; ++n) {
+    for (int n = 1;; ++n) {
+        if (n % 64 == 0 && pass.elapsed() >= 20) {
+            more = true;
+            break;
+        }
         zmq::message_t head;
         if (!socket->socket().recv(head, zmq::recv_flags::dontwait))
             break;
@@ -98,7 +105,6 @@ bool NetSubscriber::drain()
         }
         take(QByteArray::fromRawData(body.data<char>(), int(body.size())));
     }
-    more = n == budget;
     if (lostInPass) {
         emit state(
             QStringLiteral("lost %1 lists from %2 topic %3").arg(lostInPass).arg(endpoint, topic),
