@@ -1,4 +1,7 @@
+#include "netclient.h"
 #include "netenvelope.h"
+
+#include <propagatorfeedbackconcurrent.h>
 
 #include <ztdataarray.h>
 #include <ztdatawrapper.h>
@@ -9,13 +12,17 @@
 #include <QDateTime>
 #include <QPen>
 #include <QPointF>
+#include <QThread>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <zmq.hpp>
+
 #include <memory>
+#include <thread>
 
 namespace {
 
@@ -146,6 +153,7 @@ private slots:
     void streamAcrossProcesses();
     void publisherRestart();
     void requestsAcrossProcesses();
+    void lateAnswerDropped();
     void badEndpoints();
     void pythonSubscriber();
 
@@ -392,6 +400,74 @@ void tst_Net::requestsAcrossProcesses()
     QVERIFY2(client.waitFor("received registers 0\\.\\.1: \\d+, \\d+", 60000, mark).hasMatch(),
              qPrintable(client.output().mid(mark)));
     QCOMPARE(client.output().count("went away"), 1);
+}
+
+void tst_Net::lateAnswerDropped()
+{
+    // A hand-made server that answers the first request after the client's time-out (1 s), and
+    // the second at once: the second requester must get its own answer, not the first one's.
+    // The second request goes out when the first times out; the server, still asleep, takes it
+    // 0.5 s later, half its time-out.
+    const int port = freePort();
+    zmq::context_t context(1);
+    zmq::socket_t router(context, ZMQ_ROUTER);
+    router.set(zmq::sockopt::linger, 0);
+    router.set(zmq::sockopt::rcvtimeo, 20000);
+    router.bind(QString("tcp://127.0.0.1:%1").arg(port).toStdString());
+    std::thread server([&router] {
+        for (int k = 0; k < 2; ++k) {
+            zmq::message_t identity, body;
+            if (!router.recv(identity) || !router.recv(body))
+                return;
+            NetWire::Envelope e;
+            QString error;
+            NetWire::decode(QByteArray(body.data<char>(), int(body.size())), &e, &error);
+            if (k == 0)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+            e.kind = NetWire::Answer;
+            e.list = {k == 0 ? 111 : 222};
+            const QByteArray bytes = NetWire::encode(e, &error);
+            router.send(identity, zmq::send_flags::sndmore);
+            router.send(zmq::buffer(bytes.constData(), size_t(bytes.size())));
+        }
+    });
+
+    QThread worker;
+    worker.start();
+    auto *client = new NetClient(0);
+    client->setup();
+    client->setOption("endpoint", QString("tcp://127.0.0.1:%1").arg(port));
+    client->setOption("timeout", 1000);
+    auto *remote = new PropagatorFeedbackConcurrent;
+    client->setPropagator("remote", remote, true);
+    client->moveToThread(&worker);
+    remote->moveToThread(&worker);
+    bool ok = false;
+    QMetaObject::invokeMethod(client, "init", Qt::BlockingQueuedConnection, Q_RETURN_ARG(bool, ok));
+    QVERIFY(ok);
+
+    const QVariantList first = remote->readList(1);
+    // The late answer comes in while the second request waits.
+    const QVariantList second = remote->readList(2);
+    QVariantMap counts;
+    QMetaObject::invokeMethod(client, "netCounters", Qt::DirectConnection,
+                              Q_RETURN_ARG(QVariantMap, counts));
+    QMetaObject::invokeMethod(client, "final", Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(
+        client,
+        [client, remote] {
+            delete client;
+            delete remote;
+        },
+        Qt::BlockingQueuedConnection);
+    worker.quit();
+    worker.wait();
+    server.join();
+
+    QCOMPARE(first, QVariantList());
+    QCOMPARE(second, QVariantList {222});
+    QCOMPARE(counts.value("timeouts").toInt(), 1);
+    QCOMPARE(counts.value("late").toInt(), 1);
 }
 
 void tst_Net::badEndpoints()
