@@ -29,6 +29,11 @@ NetSocket::NetSocket(int type, int lingerMs, QObject *parent)
     , m_socket(std::make_unique<zmq::socket_t>(*m_context, type))
 {
     m_socket->set(zmq::sockopt::linger, lingerMs);
+    // ZMTP heartbeats: a peer that vanishes without closing its connection (a machine switched
+    // off, a cable pulled) is dropped after 3 s, and the monitor says so, instead of after the
+    // operating system's TCP time-outs.
+    m_socket->set(zmq::sockopt::heartbeat_ivl, 1000);
+    m_socket->set(zmq::sockopt::heartbeat_timeout, 3000);
 }
 
 NetSocket::~NetSocket()
