@@ -1,0 +1,58 @@
+#pragma once
+
+#include <ztmiextended.h>
+
+#include <QHash>
+#include <QSet>
+#include <QVariantMap>
+
+#include <atomic>
+
+class NetSocket;
+
+// Subscribes to `topic` at `endpoint` (a NetPublisher, or any program speaking the envelope) and
+// sends every list it receives on its stream propagator "out", from its own thread, in the
+// order of each publisher.
+//
+// Sequence numbers are followed per publisher id: a gap is counted as lost and said once per
+// pass ("lost 12 lists from tcp://acq1:5555 topic adc"); a new publisher id after another one is
+// a restarted publisher. The lists a publisher sent before this subscriber joined count as lost
+// too, so received + lost is what each publisher sent. A peer that goes away and comes back is
+// said once each, from ZeroMQ's socket monitor; reconnecting is ZeroMQ's.
+//
+// Options: endpoint (several separated by commas), topic, hwm (messages queued before ZeroMQ
+// drops; 0: no limit).
+class NetSubscriber : public ZtMIExtended
+{
+    Q_OBJECT
+
+public:
+    explicit NetSubscriber(int id, QObject *parent = nullptr);
+
+    // {"received", "lost", "restarts", "refused"}; safe from any thread.
+    Q_INVOKABLE QVariantMap netCounters() const;
+
+public slots:
+    bool init() override;
+    void final() override;
+
+protected:
+    void initOptions() override;
+
+private:
+    bool drain();
+    void take(const QByteArray &bytes);
+
+    NetSocket *socket = nullptr;
+    QString endpoint;
+    QString topic;
+    QHash<qint64, qint64> nextSeq; // per publisher id: the sequence number expected next
+    qint64 lastPublisher = 0;
+    quint64 lostInPass = 0;
+    QSet<QString> away; // peers that went away and did not come back yet
+    QSet<QString> seen; // peers connected at least once
+    std::atomic<quint64> received {0};
+    std::atomic<quint64> lost {0};
+    std::atomic<quint64> restarts {0};
+    std::atomic<quint64> refused {0};
+};
