@@ -359,7 +359,9 @@ void tst_Logger::view()
 // file has every line at levels 1 to 4, in order.
 void tst_Logger::flood_data()
 {
-    QTest::addColumn<QString>("arrival"); // "direct", "7 per pass" or "module thread"
+    // "direct", "7 per pass", "module thread" (queued calls) or "post" (a direct connection to
+    // the thread-safe entry)
+    QTest::addColumn<QString>("arrival");
     QTest::addColumn<QString>("change"); // at line 2,500: "", "filter" or "boxes"
 
     QTest::newRow("all at once") << "direct"
@@ -374,6 +376,8 @@ void tst_Logger::flood_data()
                                            << "filter";
     QTest::newRow("module thread, boxes") << "module thread"
                                           << "boxes";
+    QTest::newRow("module thread through post(), filter") << "post"
+                                                          << "filter";
 }
 
 void tst_Logger::flood()
@@ -393,7 +397,8 @@ void tst_Logger::flood()
 
     const auto text = [](int i) { return QStringLiteral("line %1").arg(i); };
     const auto level = [](int i) { return Logger::Level(i % 6 + 1); };
-    const QString source = arrival == "module thread" ? "gen" : "null";
+    const bool threaded = arrival == "module thread" || arrival == "post";
+    const QString source = threaded ? "gen" : "null";
     QHash<QString, bool> shown
         = {{"C", true}, {"E", true}, {"W", true}, {"I", true}, {"M", true}, {"D", false}};
     const QString filter = QStringLiteral("[05]$");
@@ -418,14 +423,23 @@ void tst_Logger::flood()
             expected.append({i, letter});
     }
 
-    if (arrival == "module thread") {
+    if (threaded) {
         ZtMIFound module(3);
         module.setObjectName(QStringLiteral("gen"));
         // Named "gen" on its worker and once back in this thread.
         module.getOptions()->insert(QStringLiteral(".alias"), QStringLiteral("gen"));
         logger->registerSource(&module, QStringLiteral("gen"));
-        QVERIFY(connect(&module, SIGNAL(state(QString, Logger::Level)), logger.get(),
-                        SLOT(append(QString, Logger::Level))));
+        Logger *sink = logger.get();
+        if (arrival == "post")
+            connect(
+                &module, QOverload<QString, Logger::Level>::of(&ZtMIFound::state), sink,
+                [sink, &module](QString line, Logger::Level level) {
+                    sink->post(&module, line, level);
+                },
+                Qt::DirectConnection);
+        else
+            QVERIFY(connect(&module, SIGNAL(state(QString, Logger::Level)), sink,
+                            SLOT(append(QString, Logger::Level))));
         QThread worker;
         worker.start();
         module.moveToThread(&worker);
@@ -494,6 +508,7 @@ void tst_Logger::fileBuffer_data()
 
     QTest::newRow("an error line") << "error";
     QTest::newRow("a critical line") << "critical";
+    QTest::newRow("posted from a thread, a critical line") << "posted critical";
     QTest::newRow("the event loop") << "events";
     QTest::newRow("destruction") << "destruction";
     // Last: a process quits once.
@@ -508,9 +523,21 @@ void tst_Logger::fileBuffer()
     auto logger = std::make_unique<Logger>();
     logger->setFile(path);
     QStringList lines;
-    for (int i = 0; i < 500; ++i) {
+    for (int i = 0; i < 500; ++i)
         lines.append(QStringLiteral("(II) line %1").arg(i));
-        logger->append(QStringLiteral("line %1").arg(i), Logger::Info);
+    if (until == "posted critical") {
+        // Nothing runs this thread's event loop until the file has been read.
+        std::unique_ptr<QThread> poster(QThread::create([&logger] {
+            for (int i = 0; i < 500; ++i)
+                logger->post(nullptr, QStringLiteral("line %1").arg(i), Logger::Info);
+            logger->post(nullptr, QStringLiteral("last"), Logger::Critical);
+        }));
+        poster->start();
+        QVERIFY(poster->wait(10000));
+        lines.append(QStringLiteral("(CC) last"));
+    } else {
+        for (int i = 0; i < 500; ++i)
+            logger->append(QStringLiteral("line %1").arg(i), Logger::Info);
     }
     if (until == "error" || until == "critical") {
         const Logger::Level level = until == "error" ? Logger::Error : Logger::Critical;

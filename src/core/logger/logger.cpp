@@ -5,10 +5,14 @@
 #include <QAbstractEventDispatcher>
 #include <QCoreApplication>
 #include <QDateTime>
+#include <QEvent>
+#include <QMutexLocker>
 #include <QElapsedTimer>
 #include <QStringBuilder>
 #include <QThread>
 #include <QTimerEvent>
+
+#include <iterator>
 
 namespace {
 
@@ -19,6 +23,8 @@ constexpr int flushIntervalMs = 100;
 constexpr int bufferLimit = 1 << 20;
 // Time one pass may spend on entries queued from other threads.
 constexpr int inboxBudgetMs = 3;
+// Wakes this thread when post() queued the first entry since the last pass.
+constexpr int PostedEvent = QEvent::User + 0x2d1;
 
 } // namespace
 
@@ -105,8 +111,59 @@ void Logger::append(QString strout)
     append(strout, Message);
 }
 
+// Lock order: postLock before fileLock. The file is written from post() on any thread and from
+// this thread; everything else here belongs to this thread.
+void Logger::post(QObject *source, QString strout, Logger::Level level)
+{
+    if (QThread::currentThread() == thread()) {
+        takeInbox(-1);
+        const qint64 now = QDateTime::currentMSecsSinceEpoch();
+        const QString name = sourceName(source);
+        printEntry(now, name, strout, level);
+        writeEntry(now, name, strout, level);
+        return;
+    }
+    bool wake = false;
+    {
+        QMutexLocker locker(&postLock);
+        const qint64 now = QDateTime::currentMSecsSinceEpoch();
+        QString name = QStringLiteral("null");
+        SourceInfo info;
+        if (source && sourceNamer && sourceNamer(source, false, &info)) {
+            // The caller is alive, so a live record at its address is its own.
+            const auto it = postAliases.constFind(source);
+            if (it != postAliases.constEnd() && !it->guard.isNull())
+                info.alias = it->alias;
+            name = !info.alias.isEmpty() ? info.alias
+                                         : QStringLiteral("id_") + QString::number(info.id)
+                    + QStringLiteral(" (") + info.objectName + QStringLiteral(")");
+        }
+        writeEntry(now, name, strout, level);
+        posted.push_back(Entry {now, name, std::move(strout), level});
+        wake = !wakePending;
+        wakePending = true;
+    }
+    if (wake)
+        QCoreApplication::postEvent(this, new QEvent(QEvent::Type(PostedEvent)));
+}
+
+bool Logger::event(QEvent *event)
+{
+    if (event->type() != QEvent::Type(PostedEvent))
+        return QObject::event(event);
+    if (!inboxTimer.isActive())
+        inboxTimer.start(0, this);
+    return true;
+}
+
 void Logger::takeInbox(int budgetMs)
 {
+    {
+        QMutexLocker locker(&postLock);
+        std::move(posted.begin(), posted.end(), std::back_inserter(inbox));
+        posted.clear();
+        wakePending = false;
+    }
     QElapsedTimer clock;
     clock.start();
     for (int n = 1; !inbox.empty(); ++n) {
@@ -114,9 +171,14 @@ void Logger::takeInbox(int budgetMs)
         inbox.pop_front();
         printEntry(entry.time, entry.source, entry.text, entry.level);
         if (budgetMs >= 0 && n % 64 == 0 && clock.elapsed() >= budgetMs)
-            return;
+            break;
     }
-    inboxTimer.stop();
+    if (inbox.empty())
+        inboxTimer.stop();
+    // Lines that post() left in the buffer wait for this thread's timer.
+    QMutexLocker locker(&fileLock);
+    if (!buffer.isEmpty() && !flushTimer.isActive() && QAbstractEventDispatcher::instance(thread()))
+        flushTimer.start(flushIntervalMs, this);
 }
 
 void Logger::registerSource(const QObject *source, const QString &alias)
@@ -125,12 +187,20 @@ void Logger::registerSource(const QObject *source, const QString &alias)
         return;
     registered.insert(source, Registered {source, alias});
     lastSource = nullptr;
+    {
+        QMutexLocker locker(&postLock);
+        postAliases.insert(source, Registered {source, alias});
+    }
     // Delivered on this thread after the object is gone, maybe after a newer object at the same
     // address was registered: drop only an entry whose own object died.
     connect(source, &QObject::destroyed, this, [this, source] {
         auto it = registered.find(source);
         if (it != registered.end() && it->guard.isNull())
             registered.erase(it);
+        QMutexLocker locker(&postLock);
+        auto posting = postAliases.find(source);
+        if (posting != postAliases.end() && posting->guard.isNull())
+            postAliases.erase(posting);
     });
 }
 
@@ -196,6 +266,7 @@ void Logger::printEntry(qint64 time, const QString &source, const QString &strou
 
 void Logger::writeEntry(qint64 time, const QString &source, QString strout, int level)
 {
+    QMutexLocker locker(&fileLock);
     if (levelWrite == 0 || level > static_cast<int>(levelWrite) || !fileOpen)
         return;
     updateStamp(time, &longSecond, &longTime, QStringLiteral("dd MMM hh:mm:ss"));
@@ -217,12 +288,13 @@ void Logger::writeLine(const QByteArray &line, bool urgent)
     if (urgent || windowLines < sparseLines || bufferAge.elapsed() >= flushIntervalMs
         || buffer.size() >= bufferLimit) {
         ++windowLines;
-        writeBuffer();
+        writeBufferLocked();
         return;
     }
     // Without an event loop in this thread the next entry, aboutToQuit or the destructor write
-    // the buffer.
-    if (!flushTimer.isActive() && QAbstractEventDispatcher::instance(thread()))
+    // the buffer; lines from post() on other threads get the timer from takeInbox().
+    if (QThread::currentThread() == thread() && !flushTimer.isActive()
+        && QAbstractEventDispatcher::instance(thread()))
         flushTimer.start(flushIntervalMs, this);
 }
 
@@ -235,6 +307,12 @@ void Logger::flushFile()
 void Logger::writeBuffer()
 {
     flushTimer.stop();
+    QMutexLocker locker(&fileLock);
+    writeBufferLocked();
+}
+
+void Logger::writeBufferLocked()
+{
     if (buffer.isEmpty())
         return;
     if (fileOpen) {
@@ -251,7 +329,7 @@ void Logger::timerEvent(QTimerEvent *event)
     else if (event->timerId() == inboxTimer.timerId()) {
         // Taking entries and the view's taking in lines alternate, so that no pass of the event
         // loop pays for both.
-        if (!widget || !widget->hasWaitingLines())
+        if (!widget || !widget->isDueToTakeIn())
             takeInbox(inboxBudgetMs);
     } else
         QObject::timerEvent(event);
@@ -260,6 +338,7 @@ void Logger::timerEvent(QTimerEvent *event)
 void Logger::setFile(QString fileName)
 {
     flushFile();
+    QMutexLocker locker(&fileLock);
     if (file.isOpen())
         file.close();
     if (levelWrite == 0)
@@ -279,6 +358,7 @@ void Logger::setFile(QString fileName)
 
 void Logger::setLevelWrite(Logger::Level level)
 {
+    QMutexLocker locker(&fileLock);
     levelWrite = level;
 }
 

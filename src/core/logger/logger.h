@@ -7,11 +7,13 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QHash>
+#include <QMutex>
 #include <QObject>
 #include <QPointer>
 #include <QString>
 
 #include <deque>
+#include <vector>
 
 class LoggerWidget;
 class QWidget;
@@ -76,6 +78,13 @@ public:
     static QString levelTag(int level);
     static QString levelLetter(int level);
 
+    // Logs an entry of source from any thread, for a direct connection from a module's state()
+    // signal: the entry is named and written to the file in the caller's thread (Critical and
+    // Error before this returns), queued without a queued call of its own and printed in this
+    // thread's next passes; one event wakes this thread however many entries wait. Must not run
+    // once the logger's destruction has begun.
+    void post(QObject *source, QString strout, Logger::Level level);
+
     // Records the alias under which a module on another thread is logged. Call it on the
     // logger's thread; the record is dropped when source is destroyed.
     void registerSource(const QObject *source, const QString &alias);
@@ -101,6 +110,7 @@ public slots:
     void flushFile();
 
 protected:
+    bool event(QEvent *event) override;
     void timerEvent(QTimerEvent *event) override;
 
 private:
@@ -119,6 +129,7 @@ private:
     void takeInbox(int budgetMs);
     void writeLine(const QByteArray &line, bool urgent);
     void writeBuffer();
+    void writeBufferLocked();
 
     QFile file;
     bool fileOpen;
@@ -146,12 +157,21 @@ private:
     std::deque<Entry> inbox;
     QBasicTimer inboxTimer;
 
+    // What post() shares with this thread: its entries not yet in the inbox, whether a wake-up
+    // is on its way, and the recorded aliases.
+    QMutex postLock;
+    std::vector<Entry> posted;
+    bool wakePending = false;
+    QHash<const QObject *, Registered> postAliases;
+
     // Time stamps for the view and the file, formatted once a second.
     qint64 shortSecond = -1;
     QString shortTime;
     qint64 longSecond = -1;
     QString longTime;
 
+    // Guards the file, the write filter and what follows, which post() uses from other threads.
+    QMutex fileLock;
     // File lines not yet written. bufferAge runs from the first buffered line; window counts the
     // lines written at once in the current 100 ms window.
     QByteArray buffer;

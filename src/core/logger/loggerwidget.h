@@ -2,10 +2,11 @@
 
 #include "ztcore_export.h"
 
+#include <QBasicTimer>
 #include <QCheckBox>
 #include <QColor>
+#include <QElapsedTimer>
 #include <QHash>
-#include <QBasicTimer>
 #include <QLineEdit>
 #include <QRegExp>
 #include <QTextCharFormat>
@@ -20,7 +21,8 @@
 //
 // Lines pass the boxes and the filter as they arrive and then wait, at most as many as the view
 // keeps, until the event loop takes them into the view in one edit; a flood is taken in over
-// several passes, each bounded in time, so that the event loop keeps running. A person sees the
+// several passes, each bounded in time and at least 20 ms apart, so that the event loop keeps
+// running. A person sees the
 // view only when it is painted, so this changes nothing visible. view() takes the waiting lines
 // in before it returns.
 class ZTCORE_EXPORT LoggerWidget : public QWidget
@@ -35,8 +37,8 @@ public:
     void setMaximumBlockCount(int count);
     void initLevelFilter(QCheckBox *box, QString letter, bool checked, QColor color);
 
-    // Lines that passed boxes and filter and wait for the next pass of the event loop.
-    bool hasWaitingLines() const { return !waiting.empty(); }
+    // Whether lines wait and the next pass that takes them in is due now.
+    bool isDueToTakeIn() const;
 
     QTextEdit *view();
     QLineEdit *filterEdit();
@@ -84,6 +86,7 @@ private:
     // Lines that passed boxes and filter, oldest first; never more than the view keeps.
     std::deque<Line> waiting;
     QBasicTimer passTimer;
+    QElapsedTimer lastPass;
     // Lines per edit, adapted so that one pass stays within its time budget.
     int batch = 64;
     // The filter as lines see it; it changes only after filtersAboutToChange().
