@@ -35,9 +35,11 @@ class QWidget;
 //
 // An entry from a module on another thread arrives by a queued call, one per entry; it goes to
 // the file at once but reaches print() in a later pass of the event loop, a few milliseconds of
-// entries per pass, taking turns with the view's own passes. A module logging in a loop thus
-// cannot hold the event loop for its whole backlog. A direct call prints the entries still
-// queued first, so print() keeps the order of arrival.
+// entries per pass, taking turns with the view's own passes. post() is the thread-safe way in:
+// a module's state() connected to it directly costs the logger's thread no queued call per
+// entry, only one wake-up for however many wait. Either way a module logging in a loop cannot
+// hold the event loop for its whole backlog. A direct call prints the entries still queued
+// first, so print() keeps the order of arrival.
 //
 // Naming the sender of an entry: "null" unless the sender is a module. A module that lives in
 // the logger's own thread is named by its ".alias" option, read when the entry arrives. A module
