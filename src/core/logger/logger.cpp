@@ -1,13 +1,13 @@
 #include "logger.h"
 
 #include "loggerwidget.h"
+#include "tsanhandoff_p.h"
 
 #include <QAbstractEventDispatcher>
 #include <QCoreApplication>
 #include <QDateTime>
-#include <QEvent>
-#include <QMutexLocker>
 #include <QElapsedTimer>
+#include <QEvent>
 #include <QStringBuilder>
 #include <QThread>
 #include <QTimerEvent>
@@ -125,7 +125,7 @@ void Logger::post(QObject *source, QString strout, Logger::Level level)
     }
     bool wake = false;
     {
-        QMutexLocker locker(&postLock);
+        TsanMutexLocker locker(&postLock);
         const qint64 now = QDateTime::currentMSecsSinceEpoch();
         QString name = QStringLiteral("null");
         SourceInfo info;
@@ -159,7 +159,7 @@ bool Logger::event(QEvent *event)
 void Logger::takeInbox(int budgetMs)
 {
     {
-        QMutexLocker locker(&postLock);
+        TsanMutexLocker locker(&postLock);
         std::move(posted.begin(), posted.end(), std::back_inserter(inbox));
         posted.clear();
         wakePending = false;
@@ -176,7 +176,7 @@ void Logger::takeInbox(int budgetMs)
     if (inbox.empty())
         inboxTimer.stop();
     // Lines that post() left in the buffer wait for this thread's timer.
-    QMutexLocker locker(&fileLock);
+    TsanMutexLocker locker(&fileLock);
     if (!buffer.isEmpty() && !flushTimer.isActive() && QAbstractEventDispatcher::instance(thread()))
         flushTimer.start(flushIntervalMs, this);
 }
@@ -188,7 +188,7 @@ void Logger::registerSource(const QObject *source, const QString &alias)
     registered.insert(source, Registered {source, alias});
     lastSource = nullptr;
     {
-        QMutexLocker locker(&postLock);
+        TsanMutexLocker locker(&postLock);
         postAliases.insert(source, Registered {source, alias});
     }
     // Delivered on this thread after the object is gone, maybe after a newer object at the same
@@ -197,7 +197,7 @@ void Logger::registerSource(const QObject *source, const QString &alias)
         auto it = registered.find(source);
         if (it != registered.end() && it->guard.isNull())
             registered.erase(it);
-        QMutexLocker locker(&postLock);
+        TsanMutexLocker locker(&postLock);
         auto posting = postAliases.find(source);
         if (posting != postAliases.end() && posting->guard.isNull())
             postAliases.erase(posting);
@@ -266,7 +266,7 @@ void Logger::printEntry(qint64 time, const QString &source, const QString &strou
 
 void Logger::writeEntry(qint64 time, const QString &source, QString strout, int level)
 {
-    QMutexLocker locker(&fileLock);
+    TsanMutexLocker locker(&fileLock);
     if (levelWrite == 0 || level > static_cast<int>(levelWrite) || !fileOpen)
         return;
     updateStamp(time, &longSecond, &longTime, QStringLiteral("dd MMM hh:mm:ss"));
@@ -307,7 +307,7 @@ void Logger::flushFile()
 void Logger::writeBuffer()
 {
     flushTimer.stop();
-    QMutexLocker locker(&fileLock);
+    TsanMutexLocker locker(&fileLock);
     writeBufferLocked();
 }
 
@@ -338,7 +338,7 @@ void Logger::timerEvent(QTimerEvent *event)
 void Logger::setFile(QString fileName)
 {
     flushFile();
-    QMutexLocker locker(&fileLock);
+    TsanMutexLocker locker(&fileLock);
     if (file.isOpen())
         file.close();
     if (levelWrite == 0)
@@ -358,7 +358,7 @@ void Logger::setFile(QString fileName)
 
 void Logger::setLevelWrite(Logger::Level level)
 {
-    QMutexLocker locker(&fileLock);
+    TsanMutexLocker locker(&fileLock);
     levelWrite = level;
 }
 
