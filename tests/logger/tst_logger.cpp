@@ -2,8 +2,10 @@
 #include <loggerwidget.h>
 #include <ztmifound.h>
 
+#include <QCoreApplication>
 #include <QFile>
 #include <QPointer>
+#include <QRegExp>
 #include <QRegularExpression>
 #include <QScopeGuard>
 #include <QSignalSpy>
@@ -11,6 +13,7 @@
 #include <QTest>
 #include <QTextBlock>
 #include <QThread>
+#include <QTimer>
 
 #include <memory>
 #include <new>
@@ -65,6 +68,10 @@ private slots:
     void typeBoxes();
     void view_data();
     void view();
+    void flood_data();
+    void flood();
+    void fileBuffer_data();
+    void fileBuffer();
 
 private:
     std::optional<QTemporaryDir> dir;
@@ -250,14 +257,16 @@ void tst_Logger::widget()
         logger.createWidget(&host);
         QCOMPARE(logger.getWidget(), widget.data());
 
-        QTextEdit *view = static_cast<LoggerWidget *>(widget.data())->view();
+        auto *view = static_cast<LoggerWidget *>(widget.data());
         for (const char *text : {"l1", "l2", "l3", "l4"})
             logger.append(QString::fromLatin1(text), Logger::Info);
-        QCOMPARE(view->document()->blockCount(), 3);
-        QVERIFY(!view->toPlainText().contains(QStringLiteral("l1")));
-        logger.setMaximumBlockCount(2);
+        QCOMPARE(view->view()->document()->blockCount(), 3);
+        QVERIFY(!view->view()->toPlainText().contains(QStringLiteral("l1")));
         logger.append(QStringLiteral("l5"), Logger::Info);
-        QCOMPARE(view->document()->blockCount(), 2);
+        // Lines still waiting meet the new limit.
+        logger.setMaximumBlockCount(2);
+        QCOMPARE(view->view()->toPlainText().count(QLatin1Char('\n')), 1);
+        QVERIFY(view->view()->toPlainText().endsWith(QStringLiteral("l5")));
     }
     QVERIFY(widget.isNull());
 }
@@ -342,6 +351,220 @@ void tst_Logger::view()
         }
     }
     QCOMPARE(widget.view()->toPlainText(), shown);
+}
+
+// Lines arrive faster than the view takes them in; it keeps exactly the last ones up to its
+// limit, in order and with their colours, whichever way they arrive. A change of filter or
+// boxes halfway applies to the lines that arrive after it, also when the earlier ones wait. The
+// file has every line at levels 1 to 4, in order.
+void tst_Logger::flood_data()
+{
+    // "direct", "7 per pass", "module thread" (queued calls) or "post" (a direct connection to
+    // the thread-safe entry)
+    QTest::addColumn<QString>("arrival");
+    QTest::addColumn<QString>("change"); // at line 2,500: "", "filter" or "boxes"
+
+    QTest::newRow("all at once") << "direct"
+                                 << "";
+    QTest::newRow("all at once, boxes") << "direct"
+                                        << "boxes";
+    QTest::newRow("7 per pass, filter") << "7 per pass"
+                                        << "filter";
+    QTest::newRow("module thread") << "module thread"
+                                   << "";
+    QTest::newRow("module thread, filter") << "module thread"
+                                           << "filter";
+    QTest::newRow("module thread, boxes") << "module thread"
+                                          << "boxes";
+    QTest::newRow("module thread through post(), filter") << "post"
+                                                          << "filter";
+}
+
+void tst_Logger::flood()
+{
+    QFETCH(QString, arrival);
+    QFETCH(QString, change);
+    constexpr int count = 5000;
+    constexpr int limit = 1000;
+
+    QWidget host;
+    auto logger = std::make_unique<Logger>();
+    logger->setFile(dir->filePath(QStringLiteral("zt.log")));
+    logger->createWidget(&host);
+    logger->setMaximumBlockCount(limit);
+    auto *widget = static_cast<LoggerWidget *>(logger->getWidget());
+    host.show();
+
+    const auto text = [](int i) { return QStringLiteral("line %1").arg(i); };
+    const auto level = [](int i) { return Logger::Level(i % 6 + 1); };
+    const bool threaded = arrival == "module thread" || arrival == "post";
+    const QString source = threaded ? "gen" : "null";
+    QHash<QString, bool> shown
+        = {{"C", true}, {"E", true}, {"W", true}, {"I", true}, {"M", true}, {"D", false}};
+    const QString filter = QStringLiteral("[05]$");
+    const auto changeSettings = [&] {
+        if (change == "filter") {
+            widget->filterEdit()->setText(filter);
+        } else if (change == "boxes") {
+            widget->levelBox("M")->setChecked(false);
+            widget->levelBox("D")->setChecked(true);
+        }
+    };
+    // What the view should show: the number and type letter of the lines that pass, in order.
+    QVector<QPair<int, QString>> expected;
+    for (int i = 0; i < count; ++i) {
+        if (i == count / 2 && change == "boxes") {
+            shown["M"] = false;
+            shown["D"] = true;
+        }
+        const QString letter = Logger::levelLetter(level(i));
+        const bool filtered = change == "filter" && i >= count / 2;
+        if (shown.value(letter) && (!filtered || QRegExp(filter).indexIn(text(i)) >= 0))
+            expected.append({i, letter});
+    }
+
+    if (threaded) {
+        ZtMIFound module(3);
+        module.setObjectName(QStringLiteral("gen"));
+        // Named "gen" on its worker and once back in this thread.
+        module.getOptions()->insert(QStringLiteral(".alias"), QStringLiteral("gen"));
+        logger->registerSource(&module, QStringLiteral("gen"));
+        Logger *sink = logger.get();
+        if (arrival == "post")
+            connect(
+                &module, QOverload<QString, Logger::Level>::of(&ZtMIFound::state), sink,
+                [sink, &module](QString line, Logger::Level level) {
+                    sink->post(&module, line, level);
+                },
+                Qt::DirectConnection);
+        else
+            QVERIFY(connect(&module, SIGNAL(state(QString, Logger::Level)), sink,
+                            SLOT(append(QString, Logger::Level))));
+        QThread worker;
+        worker.start();
+        module.moveToThread(&worker);
+        bool delivered = false;
+        // Changed in the GUI thread once every entry before it has been delivered to the logger,
+        // and before any after it.
+        QMetaObject::invokeMethod(&module, [&] {
+            for (int i = 0; i < count; ++i) {
+                if (i == count / 2)
+                    QMetaObject::invokeMethod(widget, changeSettings, Qt::BlockingQueuedConnection);
+                emit module.state(text(i), level(i));
+            }
+            // Posted after every entry: once it has run, all of them have been delivered.
+            QMetaObject::invokeMethod(logger.get(), [&] { delivered = true; });
+            QMetaObject::invokeMethod(&module, "moveMeToTheMainThread", Qt::DirectConnection);
+        });
+        QTRY_VERIFY(delivered);
+        QTRY_COMPARE(module.thread(), QThread::currentThread());
+        worker.quit();
+        QVERIFY(worker.wait(10000));
+        const QString last = QStringLiteral(" gen: ") + text(expected.last().first);
+        QTRY_VERIFY(widget->view()->document()->lastBlock().text().endsWith(last));
+    } else {
+        for (int i = 0; i < count; ++i) {
+            if (i == count / 2)
+                changeSettings();
+            logger->append(text(i), level(i));
+            if (arrival == "7 per pass" && i % 7 == 6)
+                QCoreApplication::processEvents();
+        }
+    }
+
+    const QTextDocument *document = widget->view()->document();
+    expected = expected.mid(qMax(0, expected.size() - limit));
+    QCOMPARE(document->blockCount(), expected.size());
+    int row = 0;
+    for (QTextBlock block = document->begin(); block.isValid(); block = block.next(), ++row) {
+        const QString want = QStringLiteral(" %1: %2").arg(source, text(expected.at(row).first));
+        QVERIFY2(block.text().endsWith(want), qPrintable(block.text() + " <> " + want));
+        const QColor color = widget->levelBox(expected.at(row).second)
+                                 ->palette()
+                                 .color(QPalette::Active, QPalette::Button);
+        QCOMPARE(block.begin().fragment().charFormat().background().color(), color);
+    }
+
+    logger.reset();
+    QFile log(dir->filePath(QStringLiteral("zt.log")));
+    QVERIFY(log.open(QIODevice::ReadOnly));
+    QStringList written = QString::fromUtf8(log.readAll()).split(QLatin1Char('\n'));
+    written = written.filter(QRegularExpression(QStringLiteral("^\\(")));
+    QStringList wanted;
+    for (int i = 0; i < count; ++i) {
+        if (level(i) <= Logger::Info)
+            wanted.append(Logger::levelTag(level(i)) + source + text(i));
+    }
+    for (QString &line : written)
+        line.remove(QRegularExpression(QStringLiteral(" \\d\\d \\S+ [\\d:]{8} |:    ")));
+    QCOMPARE(written, wanted);
+}
+
+// Critical and Error entries are on disk when append() returns, with everything before them;
+// the rest of a flood follows through the event loop, at quit or on destruction.
+void tst_Logger::fileBuffer_data()
+{
+    QTest::addColumn<QString>("until"); // what has happened when the file is read
+
+    QTest::newRow("an error line") << "error";
+    QTest::newRow("a critical line") << "critical";
+    QTest::newRow("posted from a thread, a critical line") << "posted critical";
+    QTest::newRow("the event loop") << "events";
+    QTest::newRow("destruction") << "destruction";
+    // Last: a process quits once.
+    QTest::newRow("quit") << "quit";
+}
+
+void tst_Logger::fileBuffer()
+{
+    QFETCH(QString, until);
+
+    const QString path = dir->filePath(QStringLiteral("zt.log"));
+    auto logger = std::make_unique<Logger>();
+    logger->setFile(path);
+    QStringList lines;
+    for (int i = 0; i < 500; ++i)
+        lines.append(QStringLiteral("(II) line %1").arg(i));
+    if (until == "posted critical") {
+        // Nothing runs this thread's event loop until the file has been read.
+        std::unique_ptr<QThread> poster(QThread::create([&logger] {
+            for (int i = 0; i < 500; ++i)
+                logger->post(nullptr, QStringLiteral("line %1").arg(i), Logger::Info);
+            logger->post(nullptr, QStringLiteral("last"), Logger::Critical);
+        }));
+        poster->start();
+        QVERIFY(poster->wait(10000));
+        lines.append(QStringLiteral("(CC) last"));
+    } else {
+        for (int i = 0; i < 500; ++i)
+            logger->append(QStringLiteral("line %1").arg(i), Logger::Info);
+    }
+    if (until == "error" || until == "critical") {
+        const Logger::Level level = until == "error" ? Logger::Error : Logger::Critical;
+        logger->append(QStringLiteral("last"), level);
+        lines.append(Logger::levelTag(level) + QStringLiteral(" last"));
+    } else if (until == "destruction") {
+        logger.reset();
+    } else if (until == "quit") {
+        QTimer::singleShot(0, qApp, &QCoreApplication::quit);
+        QCoreApplication::exec();
+    }
+
+    const auto written = [&] {
+        QFile log(path);
+        if (!log.open(QIODevice::ReadOnly))
+            return QStringList();
+        QStringList result;
+        for (const QString &line : QString::fromUtf8(log.readAll()).split(QLatin1Char('\n'))) {
+            if (line.startsWith(QLatin1Char('(')))
+                result.append(line.left(4) + line.section(QStringLiteral(":    "), 1).prepend(' '));
+        }
+        return result;
+    };
+    if (until == "events")
+        QTRY_COMPARE(written(), lines);
+    else
+        QCOMPARE(written(), lines);
 }
 
 QTEST_MAIN(tst_Logger)

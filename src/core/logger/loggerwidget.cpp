@@ -1,10 +1,27 @@
 #include "loggerwidget.h"
 
+#include <QElapsedTimer>
 #include <QHBoxLayout>
-#include <QRegExp>
+#include <QScrollBar>
 #include <QSpacerItem>
+#include <QTextCursor>
 #include <QTextDocument>
+#include <QTimerEvent>
 #include <QVBoxLayout>
+
+namespace {
+
+// Time one pass may spend taking lines in (the edit and the layout it triggers), so that a
+// flood leaves the event loop room for painting and input.
+constexpr int passBudgetMs = 6;
+// During a flood a pass follows the one before after this long: each edit lays out the whole
+// view again once the limit trims it, so fewer, larger edits cost less. A person does not see
+// the difference between a line shown now and one shown 20 ms later.
+constexpr int passIntervalMs = 20;
+constexpr int minimumBatch = 16;
+constexpr int maximumBatch = 4096;
+
+} // namespace
 
 LoggerWidget::LoggerWidget(QWidget *parent)
     : QWidget(parent)
@@ -43,6 +60,16 @@ LoggerWidget::LoggerWidget(QWidget *parent)
     }
 
     setLayout(outer);
+
+    // The expression is built once per change of the text, not once per line.
+    connect(&filter, &QLineEdit::textChanged, this, &LoggerWidget::filterChanged);
+}
+
+void LoggerWidget::filterChanged(const QString &text)
+{
+    emit filtersAboutToChange();
+    filtering = !text.isEmpty();
+    expression = QRegExp(text);
 }
 
 void LoggerWidget::initLevelFilter(QCheckBox *box, QString letter, bool checked, QColor color)
@@ -67,6 +94,7 @@ void LoggerWidget::onCheckedLevels(int state)
     auto *box = qobject_cast<QCheckBox *>(sender());
     if (!box)
         return;
+    emit filtersAboutToChange();
     levels.insert(box->text(), state != 0);
     emit levelsChanged(levels);
 }
@@ -80,22 +108,101 @@ void LoggerWidget::print(QString text, QString type)
 
 void LoggerWidget::append(QString text, QColor color)
 {
-    if (!filter.text().isEmpty()) {
-        const QRegExp expression(filter.text());
-        if (expression.indexIn(text) < 0)
-            return;
+    if (filtering && expression.indexIn(text) < 0)
+        return;
+    waiting.push_back(Line {std::move(text), color});
+    // Lines beyond the view's limit would only be removed again.
+    const int limit = textView.document()->maximumBlockCount();
+    if (limit > 0 && waiting.size() > size_t(limit))
+        waiting.pop_front();
+    if (!passTimer.isActive()) {
+        const qint64 since = lastPass.isValid() ? lastPass.elapsed() : passIntervalMs;
+        passTimer.start(int(qMax<qint64>(0, passIntervalMs - since)), this);
     }
-    textView.setTextBackgroundColor(color);
-    textView.append(text);
+}
+
+bool LoggerWidget::isDueToTakeIn() const
+{
+    return !waiting.empty() && (!lastPass.isValid() || lastPass.elapsed() >= passIntervalMs);
+}
+
+void LoggerWidget::timerEvent(QTimerEvent *event)
+{
+    if (event->timerId() != passTimer.timerId()) {
+        QWidget::timerEvent(event);
+        return;
+    }
+    takeIn(passBudgetMs);
+    lastPass.start();
+    passTimer.stop();
+    if (!waiting.empty())
+        passTimer.start(passIntervalMs, this);
+}
+
+const QTextCharFormat &LoggerWidget::formatFor(const QColor &color)
+{
+    for (const auto &known : qAsConst(formats)) {
+        if (known.first == color)
+            return known.second;
+    }
+    QTextCharFormat format;
+    format.setBackground(QBrush(color));
+    formats.append({color, format});
+    return formats.last().second;
+}
+
+// One edit block for the whole batch, so that the document lays out and trims to its limit once
+// per batch instead of once per line. Each line becomes one paragraph as QTextEdit::append()
+// makes it (HTML included), with the same scrolling: the view follows the end if it was there.
+void LoggerWidget::takeIn(int budgetMs)
+{
+    if (waiting.empty())
+        return;
+    QElapsedTimer clock;
+    clock.start();
+    const size_t count = budgetMs < 0 ? waiting.size() : qMin(waiting.size(), size_t(batch));
+    QScrollBar *bar = textView.verticalScrollBar();
+    const bool atBottom
+        = textView.isReadOnly() ? bar->value() >= bar->maximum() : textView.textCursor().atEnd();
+    QTextDocument *document = textView.document();
+    QTextCursor cursor(document);
+    cursor.beginEditBlock();
+    cursor.movePosition(QTextCursor::End);
+    for (size_t i = 0; i < count; ++i) {
+        const Line &line = waiting[i];
+        const QTextCharFormat &format = formatFor(line.color);
+        if (!document->isEmpty())
+            cursor.insertBlock(QTextBlockFormat(), format);
+        else
+            cursor.setCharFormat(format);
+        if (Qt::mightBeRichText(line.text))
+            cursor.insertHtml(line.text);
+        else
+            cursor.insertText(line.text, format);
+    }
+    cursor.endEditBlock();
+    waiting.erase(waiting.begin(), waiting.begin() + count);
+    if (atBottom)
+        bar->setValue(bar->maximum());
+    if (budgetMs < 0)
+        return;
+    // Aim at half the budget, leaving room for the cost of a batch to vary.
+    const qint64 spent = clock.elapsed();
+    if (spent * 2 > budgetMs)
+        batch = qMax(minimumBatch, batch / 2);
+    else if (spent * 4 < budgetMs && count == size_t(batch))
+        batch = qMin(maximumBatch, batch * 2);
 }
 
 void LoggerWidget::setMaximumBlockCount(int count)
 {
+    takeIn(-1);
     textView.document()->setMaximumBlockCount(count);
 }
 
 QTextEdit *LoggerWidget::view()
 {
+    takeIn(-1);
     return &textView;
 }
 
