@@ -45,16 +45,13 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
     void repost()
     {
         auto self = shared_from_this();
-        tsanRelease(this);
         if (QObject *context = consumer.context.data())
-            QMetaObject::invokeMethod(
-                context, [self] { self->pump(); }, Qt::QueuedConnection);
+            postQueuedCall(context, [self] { self->pump(); });
     }
 
     // In the consumer's thread.
     void pump()
     {
-        tsanAcquire(this);
         std::unique_lock<std::mutex> entry(gate);
         std::vector<Item> chunk;
         chunk.reserve(Chunk);

@@ -57,10 +57,8 @@ struct DeliveryGauge : std::enable_shared_from_this<DeliveryGauge>
             return;
         }
         auto self = shared_from_this();
-        tsanRelease(this);
-        QMetaObject::invokeMethod(
-            context, [self, &probe, count, sentNs] { self->markerRan(probe, count, sentNs); },
-            Qt::QueuedConnection);
+        postQueuedCall(context,
+                       [self, &probe, count, sentNs] { self->markerRan(probe, count, sentNs); });
     }
     // Markers for every probe whose deliveries are not all confirmed.
     void postMissing()
@@ -75,7 +73,6 @@ struct DeliveryGauge : std::enable_shared_from_this<DeliveryGauge>
     // In the consumer's thread, after every delivery posted before the marker.
     void markerRan(Probe &probe, quint64 count, qint64 sentNs)
     {
-        tsanAcquire(this);
         if (sentNs)
             latency.add(ChannelClock::nowNs() - sentNs);
         if (count > probe.confirmed.load(std::memory_order_relaxed))
