@@ -60,7 +60,7 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
             PropagatorStreamBatched *channel = nullptr;
             {
                 std::lock_guard<std::mutex> guard(lock);
-                channel = owner;
+                channel = owner.load(std::memory_order_relaxed);
                 if (!channel || items.empty()) {
                     idle = true;
                     return;
@@ -72,6 +72,8 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
             room.notify_all();
             quint64 deliveries = 0;
             for (const Item &item : chunk) {
+                if (owner.load(std::memory_order_relaxed) != channel)
+                    break; // deleted by a consumer's slot
                 switch (item.kind) {
                 case PropagatorStreamBatched::Bytes:
                     emit channel->trySend(item.bytes);
@@ -105,7 +107,9 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
     std::deque<Item> items;
     bool idle = true; // no wake-up posted or running
     qint64 pendingHigh = 0;
-    PropagatorStreamBatched *owner; // null once the channel is deleted (gate and lock held)
+    // Null once the channel is deleted: with `gate` and `lock` held, or from a consumer's slot
+    // (in the consumer's thread, within the chunk), which the chunk checks after every list.
+    std::atomic<PropagatorStreamBatched *> owner;
 
     std::mutex gate;
     CountersLink counters;
@@ -127,7 +131,7 @@ PropagatorStreamBatched::~PropagatorStreamBatched()
         gate.lock();
     {
         std::lock_guard<std::mutex> guard(q.lock);
-        q.owner = nullptr;
+        q.owner.store(nullptr, std::memory_order_relaxed);
         q.items.clear();
     }
     q.counters.cut();
