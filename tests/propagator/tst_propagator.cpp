@@ -954,15 +954,18 @@ void tst_Propagator::batchedChannelDeletedWithListsWaiting()
     QCOMPARE(warnings.count(), 1);
 }
 
+enum Ending { TimeOut, Close, ServerEnds };
+
 void tst_Propagator::requestEndsWithoutAnswer_data()
 {
     QTest::addColumn<int>("kind");
-    QTest::addColumn<bool>("closing");
+    QTest::addColumn<int>("ending");
     const char *names[] = {"read", "readList", "write", "writeList"};
     for (int kind : {Read, ReadList, Write, WriteList}) {
-        QTest::addRow("%s, time-out", names[kind]) << kind << false;
-        QTest::addRow("%s, close()", names[kind]) << kind << true;
+        QTest::addRow("%s, time-out", names[kind]) << kind << int(TimeOut);
+        QTest::addRow("%s, close()", names[kind]) << kind << int(Close);
     }
+    QTest::addRow("read, the server's thread ends") << int(Read) << int(ServerEnds);
 }
 
 // The error answer: empty data, -1.
@@ -983,14 +986,14 @@ bool errorAnswer(PropagatorFeedback *p, int kind, qlonglong i)
 void tst_Propagator::requestEndsWithoutAnswer()
 {
     QFETCH(int, kind);
-    QFETCH(bool, closing);
+    QFETCH(int, ending);
 
     // As the kernel wires it, told the server's thread; the server ignores its first request.
     TestThread ppg, serverThread;
     auto *p = ppg.adopt(new PropagatorFeedbackConcurrent);
     p->setObjectName("ctl:dev->gen:dev");
     p->setServerThread(&serverThread);
-    if (!closing)
+    if (ending == TimeOut)
         p->setRequestTimeout(100);
     Warnings warnings(p);
     auto *server = serverThread.adopt(new Server(p, nullptr, 1));
@@ -1000,13 +1003,17 @@ void tst_Propagator::requestEndsWithoutAnswer()
         QThread::create([&] { failed.storeRelease(errorAnswer(p, kind, 1)); }));
     requester->start();
     QVERIFY(server->entered.tryAcquire(1, Patience));
-    if (closing)
+    if (ending == Close)
         p->close();
+    if (ending == ServerEnds) {
+        serverThread.quit();
+        QVERIFY(serverThread.wait(Patience));
+    }
     QVERIFY(requester->wait(Patience));
     QVERIFY(failed.loadAcquire());
 
     const ChannelStats s = p->stats();
-    if (closing) {
+    if (ending == Close) {
         // Closed for good: the next blocking request is refused at once, quietly.
         QVERIFY(errorAnswer(p, kind, 2));
         QCOMPARE(p->stats().refused, quint64(1));
@@ -1014,11 +1021,17 @@ void tst_Propagator::requestEndsWithoutAnswer()
         QCOMPARE(warnings.all().count(), 0);
         return;
     }
-    QCOMPARE(s.timeouts, quint64(1));
+    QCOMPARE(s.timeouts, quint64(ending == TimeOut));
     QCOMPARE(warnings.all().count(), 1);
     const QString warning = warnings.all().first();
-    QVERIFY2(warning.contains("\"ctl:dev->gen:dev\"") && warning.contains("100 ms"),
+    QVERIFY2(warning.contains("\"ctl:dev->gen:dev\"")
+                 && warning.contains(ending == TimeOut ? "100 ms" : "thread has ended"),
              qPrintable(warning));
+    if (ending == ServerEnds) {
+        // Nobody could answer any more: the next request does not wait either.
+        QVERIFY(errorAnswer(p, kind, 2));
+        return;
+    }
     // The next request gets its own answer, not a stale one; so does the one after.
     QVERIFY(request(p, kind, 2));
     QVERIFY(request(p, (kind + 1) % RequestKinds, 3));

@@ -4,13 +4,15 @@
 #include "tsanhandoff_p.h"
 
 #include <QCoreApplication>
-#include <QDeadlineTimer>
 #include <QEvent>
 #include <QMetaMethod>
 
 #include <mutex>
 
 namespace {
+
+// Why a blocking request ended without its answer (Channel::wake, await).
+enum WakeReason { Answered = 0, Closed, ServerGone, TimedOut };
 
 enum RequestType {
     ReadRequest = 1001,
@@ -117,7 +119,7 @@ QByteArray PropagatorFeedbackConcurrent::read(qlonglong p)
     TsanMutexLocker lock(&m_lock);
     data.clear();
     pos = p;
-    const quint64 serial = open(m_reads, readSem);
+    const quint64 serial = open(m_reads, readSem, true);
     lock.unlock();
     post(requestTarget(), new RequestEvent(ReadRequest, serial, p));
     if (!await(lock, m_reads, readSem, "read"))
@@ -134,7 +136,7 @@ QVariantList PropagatorFeedbackConcurrent::readList(qlonglong p)
     TsanMutexLocker lock(&m_lock);
     data.clear();
     pos = p;
-    const quint64 serial = open(m_reads, readSem);
+    const quint64 serial = open(m_reads, readSem, true);
     lock.unlock();
     post(requestTarget(), new RequestEvent(ReadListRequest, serial, p));
     if (!await(lock, m_reads, readSem, "readList"))
@@ -149,7 +151,7 @@ bool PropagatorFeedbackConcurrent::readLater(qlonglong p)
     pos = p;
     if (readSem.available() > 0)
         return false;
-    const quint64 serial = open(m_reads, readSem);
+    const quint64 serial = open(m_reads, readSem, false);
     lock.unlock();
     post(requestTarget(), new RequestEvent(ReadRequest, serial, p));
     return true;
@@ -162,7 +164,7 @@ bool PropagatorFeedbackConcurrent::readListLater(qlonglong p)
     pos = p;
     if (readSem.available() > 0)
         return false;
-    const quint64 serial = open(m_reads, readSem);
+    const quint64 serial = open(m_reads, readSem, false);
     lock.unlock();
     post(requestTarget(), new RequestEvent(ReadListRequest, serial, p));
     return true;
@@ -174,7 +176,7 @@ qlonglong PropagatorFeedbackConcurrent::write(const QByteArray &bytes)
         return -1;
     TsanMutexLocker lock(&m_lock);
     data = bytes;
-    const quint64 serial = open(m_writes, writeSem);
+    const quint64 serial = open(m_writes, writeSem, true);
     lock.unlock();
     post(requestTarget(), new RequestEvent(serial, bytes));
     if (!await(lock, m_writes, writeSem, "write"))
@@ -188,7 +190,7 @@ qlonglong PropagatorFeedbackConcurrent::writeList(const QVariantList &list)
         return -1;
     TsanMutexLocker lock(&m_lock);
     listData = list;
-    const quint64 serial = open(m_writes, writeSem);
+    const quint64 serial = open(m_writes, writeSem, true);
     lock.unlock();
     post(requestTarget(), new RequestEvent(serial, list));
     if (!await(lock, m_writes, writeSem, "writeList"))
@@ -336,61 +338,72 @@ QObject *PropagatorFeedbackConcurrent::requestTarget() const
 
 // Lock held. A new request replaces whatever its direction had open, so answers still
 // uncollected there are stale: their permits go.
-quint64 PropagatorFeedbackConcurrent::open(Channel &channel, QSemaphore &answers)
+quint64 PropagatorFeedbackConcurrent::open(Channel &channel, QSemaphore &answers, bool blocking)
 {
     answers.tryAcquire(answers.available());
     channel.waiting = ++m_serial;
+    channel.blocking = blocking;
+    channel.wake = 0;
     ChannelCounters::add(m_counters.requests);
+    // A way out that was taken before this request: it must not wait for a wake-up that came.
+    if (blocking && (m_closed.load(std::memory_order_relaxed) || m_serverGone)) {
+        channel.wake = m_serverGone ? ServerGone : Closed;
+        answers.release();
+    }
     return channel.waiting;
 }
 
 // Called with the lock released; returns with it held and the request closed. True with the
 // answer in the buffers; false when the wait ended without it (time-out, close(), the server's
 // thread ended), counted and warned about: the caller returns the error answer, and the late
-// answer, should it come, finds no request waiting and is dropped.
+// answer, should it come, finds no request waiting and is dropped. Without a time-out the wait
+// has no timer of its own: close() and the end of the server's thread wake it (releaseWaiters).
 bool PropagatorFeedbackConcurrent::await(TsanMutexLocker &lock, Channel &channel,
                                          QSemaphore &answers, const char *what)
 {
     const int timeout = m_timeoutMs.load(std::memory_order_relaxed);
-    const QDeadlineTimer deadline = timeout > 0 ? QDeadlineTimer(timeout) : QDeadlineTimer::Forever;
-    QString why;
-    for (;;) {
-        int slice = ChannelClock::WaitSliceMs;
-        if (timeout > 0)
-            slice = int(qBound<qint64>(0, deadline.remainingTime(), slice));
-        if (answers.tryAcquire(1, slice)) {
-            lock.relock();
-            channel.waiting = 0;
-            ChannelCounters::add(m_counters.answers);
-            return true;
-        }
-        if (m_closed.load(std::memory_order_acquire)) {
-            why = QString();
-            break;
-        }
-        if (m_serverThread && m_serverThread->isFinished()) {
-            why = tr("the server's thread has ended");
-            break;
-        }
-        if (timeout > 0 && deadline.hasExpired()) {
-            why = tr("not answered within %1 ms").arg(timeout);
-            ChannelCounters::add(m_counters.timeouts);
-            break;
-        }
-    }
+    bool answered = true;
+    if (timeout > 0)
+        answered = answers.tryAcquire(1, timeout);
+    else
+        answers.acquire();
     lock.relock();
-    if (answers.tryAcquire()) { // the answer came while the wait gave up
-        channel.waiting = 0;
+    if (!answered)
+        answered = answers.tryAcquire(); // the answer came while the wait gave up
+    const int why = answered ? channel.wake : TimedOut;
+    channel.waiting = 0;
+    channel.wake = 0;
+    if (why == 0) {
         ChannelCounters::add(m_counters.answers);
         return true;
     }
-    channel.waiting = 0;
-    lock.unlock();
-    if (!why.isEmpty())
+    QString text;
+    if (why == TimedOut) {
+        ChannelCounters::add(m_counters.timeouts);
+        text = tr("not answered within %1 ms").arg(timeout);
+    } else if (why == ServerGone) {
+        text = tr("not answered: the server's thread has ended");
+    }
+    if (!text.isEmpty()) { // a closed channel (shutdown) returns quietly
+        lock.unlock();
         emit warning(tr("channel \"%1\": %2 %3; the error answer is returned")
-                         .arg(channelName(), QLatin1String(what), why));
-    lock.relock();
+                         .arg(channelName(), QLatin1String(what), text));
+        lock.relock();
+    }
     return false;
+}
+
+// Lock held. Wakes every requester blocked without a time-out of its own, with the reason.
+void PropagatorFeedbackConcurrent::releaseWaiters(int reason)
+{
+    const auto release = [reason](Channel &channel, QSemaphore &answers) {
+        if (channel.waiting && channel.blocking && !channel.wake) {
+            channel.wake = reason;
+            answers.release();
+        }
+    };
+    release(m_reads, readSem);
+    release(m_writes, writeSem);
 }
 
 // Lock held. Closes the deferred read, collected or given up; an answer that came in between
@@ -464,14 +477,30 @@ void PropagatorFeedbackConcurrent::setServerThread(QThread *thread)
             delete m_relay;
         m_relay = nullptr;
     }
+    QObject::disconnect(m_serverWatch);
     m_serverThread = thread;
+    {
+        TsanMutexLocker lock(&m_lock);
+        m_serverGone = thread && thread->isFinished();
+    }
     if (thread) {
         m_relay = new FeedbackRelay(this);
         m_relay->moveToThread(thread);
+        // In the ending thread, after its event loop: no request will be delivered there.
+        m_serverWatch = connect(
+            thread, &QThread::finished, this,
+            [this] {
+                TsanMutexLocker lock(&m_lock);
+                m_serverGone = true;
+                releaseWaiters(ServerGone);
+            },
+            Qt::DirectConnection);
     }
 }
 
 void PropagatorFeedbackConcurrent::close()
 {
+    TsanMutexLocker lock(&m_lock);
     m_closed.store(true, std::memory_order_release);
+    releaseWaiters(Closed);
 }

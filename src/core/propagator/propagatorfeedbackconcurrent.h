@@ -100,13 +100,16 @@ private:
         std::deque<quint64> outstanding;
         quint64 serving = 0; // request being emitted in the server's thread; 0: none
         bool servingAnswered = false;
+        bool blocking = false; // the waiting request is a blocking one (not a deferred read)
+        int wake = 0; // why a blocked requester was woken without an answer; 0: it was not
     };
 
     friend class FeedbackRelay;
     // The server's side of a request, in the thread whose event loop delivered it.
     void serve(const RequestEvent &request);
     bool refuse(const char *what);
-    quint64 open(Channel &channel, QSemaphore &answers);
+    quint64 open(Channel &channel, QSemaphore &answers, bool blocking);
+    void releaseWaiters(int reason);
     QObject *requestTarget() const;
     bool await(TsanMutexLocker &lock, Channel &channel, QSemaphore &answers, const char *what);
     bool settleDeferred(bool answered);
@@ -120,7 +123,9 @@ private:
     QThread *m_servingThread = nullptr; // the thread emitting a request now; m_lock held
 
     std::atomic<int> m_timeoutMs {0};
-    std::atomic<bool> m_closed {false};
+    std::atomic<bool> m_closed {false}; // changed with m_lock held
+    bool m_serverGone = false; // the server's thread has ended; m_lock held
     QPointer<QThread> m_serverThread; // set while wiring
+    QMetaObject::Connection m_serverWatch; // its finished() signal
     FeedbackRelay *m_relay = nullptr; // lives in the server's thread; set while wiring
 };
