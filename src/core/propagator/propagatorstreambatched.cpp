@@ -202,7 +202,8 @@ void PropagatorStreamBatched::enqueue(Kind kind, const QByteArray *bytes, const 
                 q.items.push_back(std::move(item));
                 q.pendingHigh = qMax(q.pendingHigh, qint64(q.items.size()));
                 q.wake();
-                ChannelCounters::add(kind == Bytes ? m_counters.arrays : m_counters.lists);
+                ChannelCounters::addSerialised(kind == Bytes ? m_counters.arrays
+                                                             : m_counters.lists);
                 return;
             }
             if (outcome != Full)

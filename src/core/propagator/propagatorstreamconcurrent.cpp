@@ -199,13 +199,16 @@ void PropagatorStreamConcurrent::deliver(Kind kind, const QByteArray *bytes,
                             emit streamSendList(*list);
                     }
                 }
-                ChannelCounters::add(kind == Bytes ? m_counters.arrays : m_counters.lists);
+                // Sent and posted change only here, with the mutex held.
+                ChannelCounters::addSerialised(kind == Bytes ? m_counters.arrays
+                                                             : m_counters.lists);
                 if (!known) {
                     ChannelCounters::add(m_counters.deliveries, n);
                     return;
                 }
                 // Deliveries are counted once their marker ran.
-                const quint64 all = g.posted.fetch_add(n, std::memory_order_acq_rel) + n;
+                const quint64 all = g.posted.load(std::memory_order_relaxed) + n;
+                g.posted.store(all, std::memory_order_release);
                 const quint64 every = guarded
                     ? quint64(qBound(1, m_limit / 4, int(ChannelClock::SampleEvery)))
                     : ChannelClock::SampleEvery;

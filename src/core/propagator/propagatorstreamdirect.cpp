@@ -6,8 +6,8 @@
 void PropagatorStreamDirect::count(std::atomic<quint64> &sent, quint64 deliveries)
 {
 #ifndef ZTCORE_NO_CHANNEL_STATS
-    ChannelCounters::add(sent);
-    ChannelCounters::add(m_counters.deliveries, deliveries);
+    ChannelCounters::addSerialised(sent);
+    ChannelCounters::addSerialised(m_counters.deliveries, deliveries);
 #else
     Q_UNUSED(sent)
     Q_UNUSED(deliveries)
