@@ -155,15 +155,7 @@ void PropagatorStreamConcurrent::deliver(Kind kind, const QByteArray *bytes,
                                             : out.lists;
 #ifdef ZTCORE_NO_CHANNEL_STATS
             if (!guarded) {
-                ModLockSet::Guard locks(
-                    lockers, kind == Relayed ? ModLockSet::ExtendedOnly : ModLockSet::All);
-                if (kind == Bytes) {
-                    emit trySend(*bytes);
-                } else {
-                    emit trySendList(*list);
-                    if (kind == Fresh)
-                        emit streamSendList(*list);
-                }
+                emitUnderLocks(kind, bytes, list);
                 return;
             }
 #endif
@@ -188,17 +180,7 @@ void PropagatorStreamConcurrent::deliver(Kind kind, const QByteArray *bytes,
                 }
             }
             if (!dropped) {
-                {
-                    ModLockSet::Guard locks(
-                        lockers, kind == Relayed ? ModLockSet::ExtendedOnly : ModLockSet::All);
-                    if (kind == Bytes) {
-                        emit trySend(*bytes);
-                    } else {
-                        emit trySendList(*list);
-                        if (kind == Fresh)
-                            emit streamSendList(*list);
-                    }
-                }
+                emitUnderLocks(kind, bytes, list);
                 // Sent and posted change only here, with the mutex held.
                 ChannelCounters::addSerialised(kind == Bytes ? m_counters.arrays
                                                              : m_counters.lists);
@@ -209,8 +191,9 @@ void PropagatorStreamConcurrent::deliver(Kind kind, const QByteArray *bytes,
                 // Deliveries are counted once their marker ran.
                 const quint64 all = g.posted.load(std::memory_order_relaxed) + n;
                 g.posted.store(all, std::memory_order_release);
+                // A bounded queue refreshes its length more often; a full one asks at once.
                 const quint64 every = guarded
-                    ? quint64(qBound(1, m_limit / 4, int(ChannelClock::SampleEvery)))
+                    ? quint64(qBound(8, m_limit / 2, int(ChannelClock::SampleEvery)))
                     : ChannelClock::SampleEvery;
                 if (++m_sinceMarker < every)
                     return;
@@ -233,6 +216,20 @@ void PropagatorStreamConcurrent::deliver(Kind kind, const QByteArray *bytes,
         warnLimitReached(tr("lists dropped (policy=drop), %1 so far")
                              .arg(m_counters.dropped.load(std::memory_order_relaxed)));
         return;
+    }
+}
+
+// Mutex held.
+void PropagatorStreamConcurrent::emitUnderLocks(Kind kind, const QByteArray *bytes,
+                                                const QVariantList *list)
+{
+    ModLockSet::Guard locks(lockers, kind == Relayed ? ModLockSet::ExtendedOnly : ModLockSet::All);
+    if (kind == Bytes) {
+        emit trySend(*bytes);
+    } else {
+        emit trySendList(*list);
+        if (kind == Fresh)
+            emit streamSendList(*list);
     }
 }
 

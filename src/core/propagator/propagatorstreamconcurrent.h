@@ -83,6 +83,7 @@ protected:
 private:
     enum Kind { Bytes, Fresh, Relayed };
     void deliver(Kind kind, const QByteArray *bytes, const QVariantList *list);
+    void emitUnderLocks(Kind kind, const QByteArray *bytes, const QVariantList *list);
     DeliveryGauge &gauge();
     void waitForRoom(quint64 needed);
 
