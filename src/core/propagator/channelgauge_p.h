@@ -66,24 +66,6 @@ private:
     quint64 m_next = 0;
 };
 
-// Rate limit for a warning that repeats while a condition lasts: the first time, then at most
-// once a second.
-class WarningGate
-{
-public:
-    bool due()
-    {
-        const qint64 now = ChannelClock::nowNs();
-        qint64 last = m_last.load(std::memory_order_relaxed);
-        if (last != 0 && now - last < ChannelClock::WarningGapNs)
-            return false;
-        return m_last.compare_exchange_strong(last, now, std::memory_order_relaxed);
-    }
-
-private:
-    std::atomic<qint64> m_last {0};
-};
-
 // The counters of a channel as seen from work queued into a consumer's thread: they belong to
 // the propagator and go with it, so that work reaches them only under this lock.
 class CountersLink
