@@ -4,18 +4,28 @@
 //            vs a plain queued signal-to-slot connection carrying the same list (messages/s);
 //   feedback PropagatorFeedbackConcurrent::read answered by a server in the worker thread
 //            vs a bare round trip of QCoreApplication::postEvent and a QSemaphore (latency);
-//   direct   PropagatorStreamDirect::sendList vs a direct signal-to-slot call (same thread).
+//   direct   PropagatorStreamDirect::sendList vs a direct signal-to-slot call (same thread);
+//   batched  PropagatorStreamBatched::sendList vs PropagatorStreamConcurrent::sendList, lists of
+//            8 doubles into the same consumer (messages/s; "plain" is the concurrent one here).
 // The pairs run interleaved in several rounds, alternating which side goes first, so that a
 // change of machine load hits both sides; each printed ratio is the median of the per-round
 // ratios.
+//
+// The channel statistics are measured against the same program built with the counting
+// compiled out (bench_propagator_nostats): `bench_propagator --stats-vs-nostats=<that program>`
+// runs both, in turns, as child processes (`--stream-child`) that each time the stream pair for
+// a while and print their messages per second.
 
 #include "propagatorfeedbackconcurrent.h"
+#include "propagatorstreambatched.h"
 #include "propagatorstreamconcurrent.h"
 #include "propagatorstreamdirect.h"
 #include "ztmistream.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QEvent>
+#include <QProcess>
 #include <QSemaphore>
 #include <QThread>
 
@@ -37,6 +47,14 @@ constexpr int RequestEvent = 1001;
 QVariantList smallList()
 {
     return QVariantList {1, 2.5, QStringLiteral("abc")};
+}
+
+QVariantList eightDoubles()
+{
+    QVariantList list;
+    for (int i = 0; i < 8; ++i)
+        list.append(0.5 * i);
+    return list;
 }
 
 // The consumer module, wired as the kernel wires a stream consumer in another thread.
@@ -141,6 +159,9 @@ struct Environment
                          &ZtMIStream::StartProcessing);
         QObject::connect(&source, &Source::out, sink, &ZtMIStream::StartProcessing,
                          Qt::QueuedConnection);
+        batched.appendLocker(sink->getLocker());
+        QObject::connect(&batched, &PropagatorStream::trySendList, sink,
+                         &ZtMIStream::StartProcessing);
 
         feedback = new PropagatorFeedbackConcurrent;
         new Server(feedback);
@@ -161,6 +182,7 @@ struct Environment
     Sink *sink;
     Source source;
     PropagatorStreamConcurrent stream;
+    PropagatorStreamBatched batched;
     PropagatorFeedbackConcurrent *feedback;
     Echo *echo;
 };
@@ -189,6 +211,29 @@ void streamPropagator(benchmark::State &state)
         env->sink->waitForAll();
     }
     state.SetItemsProcessed(state.iterations() * Batch);
+}
+
+template<typename Send>
+void batches(benchmark::State &state, Send send)
+{
+    const QVariantList list = eightDoubles();
+    for (auto _ : state) {
+        env->sink->expect(Batch);
+        for (int i = 0; i < Batch; ++i)
+            send(list);
+        env->sink->waitForAll();
+    }
+    state.SetItemsProcessed(state.iterations() * Batch);
+}
+
+void streamConcurrentEight(benchmark::State &state)
+{
+    batches(state, [](const QVariantList &list) { env->stream.sendList(list); });
+}
+
+void streamBatchedEight(benchmark::State &state)
+{
+    batches(state, [](const QVariantList &list) { env->batched.sendList(list); });
 }
 
 void feedbackPlain(benchmark::State &state)
@@ -242,7 +287,98 @@ const Pair pairs[] = {
     {"stream", streamPlain, streamPropagator, true, ">= 0.9"},
     {"feedback", feedbackPlain, feedbackPropagator, false, "<= 1.2"},
     {"direct", directPlain, directPropagator, false, "none, reported"},
+    {"batched", streamConcurrentEight, streamBatchedEight, true, "none, reported"},
 };
+
+double median(std::vector<double> v);
+
+// Lists per second through the stream pair's plain side or its propagator, for about `ms`.
+double listsPerSecond(bool propagator, int ms)
+{
+    const QVariantList list = smallList();
+    QElapsedTimer clock;
+    clock.start();
+    qint64 lists = 0;
+    while (clock.elapsed() < ms) {
+        env->sink->expect(Batch);
+        for (int i = 0; i < Batch; ++i) {
+            if (propagator)
+                env->stream.sendList(list);
+            else
+                emit env->source.out(list);
+        }
+        env->sink->waitForAll();
+        lists += Batch;
+    }
+    return double(lists) * 1e9 / double(clock.nsecsElapsed());
+}
+
+// One child's share: alternating turns of both sides; prints the median of each.
+int streamChild()
+{
+    std::vector<double> plain, propagator;
+    listsPerSecond(true, 50); // warm up
+    for (int turn = 0; turn < 6; ++turn) {
+        const bool first = turn % 2;
+        (first ? propagator : plain).push_back(listsPerSecond(first, 100));
+        (first ? plain : propagator).push_back(listsPerSecond(!first, 100));
+    }
+    // The lists the channel counted: none in the program built without the statistics.
+    std::printf("plain %.0f propagator %.0f counted %llu\n", median(plain), median(propagator),
+                static_cast<unsigned long long>(env->stream.stats().lists));
+    return 0;
+}
+
+// Runs this program and `other` (the counting compiled out) as children, in turns that
+// alternate which goes first; prints the medians and spreads of the ratios.
+int statsVsNoStats(const QString &other, int pairs)
+{
+    const auto run = [](const QString &program, double &plain, double &propagator, bool counting) {
+        QProcess child;
+        child.start(program, {QStringLiteral("--stream-child")});
+        if (!child.waitForFinished(120000) || child.exitCode() != 0)
+            return false;
+        const QList<QByteArray> f = child.readAllStandardOutput().simplified().split(' ');
+        if (f.size() != 6 || (f.at(5).toULongLong() > 0) != counting)
+            return false;
+        plain = f.at(1).toDouble();
+        propagator = f.at(3).toDouble();
+        return true;
+    };
+    const QString self = QCoreApplication::applicationFilePath();
+    std::vector<double> versusOff, versusPlain, offVersusPlain;
+    for (int pair = 0; pair < pairs; ++pair) {
+        double plainOn = 0, on = 0, plainOff = 0, off = 0;
+        const bool onFirst = pair % 2 == 0;
+        if (!run(onFirst ? self : other, onFirst ? plainOn : plainOff, onFirst ? on : off, onFirst)
+            || !run(onFirst ? other : self, onFirst ? plainOff : plainOn, onFirst ? off : on,
+                    !onFirst)) {
+            std::fprintf(stderr, "a child failed, or counted when it should not (or not)\n");
+            return 1;
+        }
+        versusOff.push_back(on / off);
+        versusPlain.push_back(on / plainOn);
+        offVersusPlain.push_back(off / plainOff);
+        std::printf("pair %2d: statistics on %.0f, off %.0f lists/s; on/off %.3f, on/plain "
+                    "%.3f\n",
+                    pair, on, off, on / off, on / plainOn);
+        std::fflush(stdout);
+    }
+    const auto spread = [](std::vector<double> v) {
+        std::sort(v.begin(), v.end());
+        char buf[64];
+        std::snprintf(buf, sizeof buf, "median %.3f (min %.3f, max %.3f)", median(v), v.front(),
+                      v.back());
+        return std::string(buf);
+    };
+    std::printf("\nStream propagator, %d alternating child pairs:\n", pairs);
+    std::printf("  statistics on / compiled out, messages/s: %s (target >= 0.95)\n",
+                spread(versusOff).c_str());
+    std::printf("  statistics on / plain queued signal:      %s (target >= 0.9)\n",
+                spread(versusPlain).c_str());
+    std::printf("  compiled out / plain queued signal:       %s\n", spread(offVersusPlain).c_str());
+    return 0;
+}
 
 std::string runName(const char *pair, const char *side, int round)
 {
@@ -288,6 +424,13 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     Environment environment;
     env = &environment;
+    const QStringList args = app.arguments();
+    if (args.contains(QStringLiteral("--stream-child")))
+        return streamChild();
+    for (const QString &arg : args) {
+        if (arg.startsWith(QStringLiteral("--stats-vs-nostats=")))
+            return statsVsNoStats(arg.section('=', 1), 15);
+    }
 
     for (int round = 0; round < Rounds; ++round) {
         for (const Pair &pair : pairs) {

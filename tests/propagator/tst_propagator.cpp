@@ -4,6 +4,7 @@
 #include "propagatorfeedbackconcurrent.h"
 #include "propagatorfeedbackdirect.h"
 #include "propagatorfeedbacknull.h"
+#include "propagatorstreambatched.h"
 #include "propagatorstreamconcurrent.h"
 #include "propagatorstreamdirect.h"
 #include "propagatorstreamnull.h"
@@ -21,6 +22,7 @@
 #include <QThread>
 
 #include <memory>
+#include <mutex>
 #include <vector>
 
 namespace {
@@ -30,6 +32,8 @@ const QByteArray bytes("\x01\x02payload", 9);
 const QVariantList list {1, "two", 3.5};
 
 // A worker thread with an event loop; adopted objects are deleted only after it has stopped.
+// Its end is handed over to whoever waits for it, for the thread sanitizer (QThread::wait is
+// not seen as a join).
 struct TestThread : QThread
 {
     TestThread() { start(); }
@@ -37,13 +41,22 @@ struct TestThread : QThread
     {
         quit();
         wait();
+        tsanAcquire(this);
         qDeleteAll(owned);
     }
+    void run() override
+    {
+        exec();
+        tsanRelease(this);
+    }
+    // Also hands what this thread did so far over to the worker, for the thread sanitizer: Qt's
+    // queued calls into it are not seen as a hand-over.
     template<typename T>
     T *adopt(T *object)
     {
         object->moveToThread(this);
         owned.append(object);
+        postQueuedCall(object, [] {});
         return object;
     }
     QList<QObject *> owned;
@@ -126,7 +139,9 @@ char serverSetUp; // the hand-off point of Server's set-up, for the thread sanit
 class Server : public QObject
 {
 public:
-    explicit Server(PropagatorFeedback *p, QSemaphore *gate = nullptr)
+    // `ignore`: how many requests, the first ones, get no answer at all.
+    explicit Server(PropagatorFeedback *p, QSemaphore *gate = nullptr, int ignore = 0)
+        : ignore(ignore)
     {
         auto serve = [this, gate](auto answer) {
             return [this, gate, answer](auto request) {
@@ -134,6 +149,10 @@ public:
                 // captures, the propagator) through Qt's queued call.
                 tsanAcquire(&serverSetUp);
                 entered.release();
+                if (this->ignore > 0) {
+                    --this->ignore;
+                    return;
+                }
                 if (gate)
                     gate->tryAcquire(1, Patience);
                 answer(request);
@@ -154,6 +173,7 @@ public:
     }
     QSemaphore entered; // one permit per request received
     QSemaphore answered; // one permit per answer given
+    int ignore; // the serving thread's only
 };
 
 enum Request { Read, ReadList, Write, WriteList, ReadLater, ReadListLater, RequestKinds };
@@ -204,6 +224,115 @@ public slots:
     }
 };
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int BatchedLists = 100000; // per producer; the sanitizers make each list costly
+#else
+constexpr int BatchedLists = 500000;
+#endif
+
+// Records the number each list carries (its first item). Optionally held in its first slot call
+// until released, or slowed down on every call, to let a queue build up.
+class Recorder : public ZtMIStream
+{
+    Q_OBJECT
+
+public:
+    explicit Recorder(int id, bool holdFirst = false, int slowUs = 0)
+        : ZtMIStream(id)
+        , holdFirst(holdFirst)
+        , slowUs(slowUs)
+    {
+        seen.reserve(BatchedLists);
+    }
+    // Whether the numbers came in increasing order, each once; `consecutive`: none missing.
+    bool inOrder(bool consecutive) const
+    {
+        for (size_t i = 1; i < seen.size(); ++i) {
+            if (consecutive ? seen[i] != seen[i - 1] + 1 : seen[i] <= seen[i - 1])
+                return false;
+        }
+        return true;
+    }
+
+    const bool holdFirst;
+    const int slowUs;
+    std::vector<int> seen; // read by the test once `received` says all arrived
+    QAtomicInt received;
+    QSemaphore entered; // released when the held first call starts
+    QSemaphore hold; // the held first call waits for a permit (bounded)
+
+public slots:
+    void StartProcessing(QVariantList data) override
+    {
+        if (holdFirst && seen.empty()) {
+            entered.release();
+            hold.tryAcquire(1, Patience);
+        }
+        if (slowUs)
+            QThread::usleep(slowUs);
+        seen.push_back(data.value(0).toInt());
+        received.ref();
+    }
+};
+
+// The warnings a channel gave, from whichever threads gave them.
+class Warnings
+{
+public:
+    explicit Warnings(Propagator *p)
+        : connection(QObject::connect(
+            p, &Propagator::warning, p,
+            [this](const QString &text) {
+                std::lock_guard<std::mutex> lock(guard);
+                texts.append(text);
+            },
+            Qt::DirectConnection))
+    { }
+    ~Warnings() { QObject::disconnect(connection); }
+    QStringList all() const
+    {
+        std::lock_guard<std::mutex> lock(guard);
+        return texts;
+    }
+
+private:
+    mutable std::mutex guard;
+    QStringList texts;
+    QMetaObject::Connection connection;
+};
+
+enum ChannelKind { DirectChannel, ConcurrentChannel, BatchedChannel };
+
+// A stream channel to `consumer`, wired as the kernel wires one across threads: the consumer's
+// lock in the channel's list, the consumer's slot on trySendList with an automatic connection.
+std::unique_ptr<PropagatorStream> channelTo(int kind, Recorder *consumer)
+{
+    std::unique_ptr<PropagatorStream> p;
+    if (kind == DirectChannel)
+        p = std::make_unique<PropagatorStreamDirect>();
+    else if (kind == ConcurrentChannel)
+        p = std::make_unique<PropagatorStreamConcurrent>();
+    else
+        p = std::make_unique<PropagatorStreamBatched>();
+    p->setObjectName("gen:out->sink:in");
+    if (kind != DirectChannel)
+        p->appendLocker(consumer->getLocker());
+    QObject::connect(p.get(), &PropagatorStream::trySendList, consumer,
+                     &ZtMIStream::StartProcessing);
+    return p;
+}
+
+// A thread that sends the numbers first, first + 1, ... through p.
+std::unique_ptr<QThread> producer(PropagatorStream *p, int count, int first = 0)
+{
+    std::unique_ptr<QThread> thread(QThread::create([p, count, first] {
+        for (int n = first; n < first + count; ++n)
+            p->sendList(QVariantList {n});
+    }));
+    thread->start();
+    return thread;
+}
+
 } // namespace
 
 class tst_Propagator : public QObject
@@ -227,6 +356,20 @@ private slots:
     void containersFallBackToNull();
     void setPropagator_data();
     void setPropagator();
+    void countersMatchTraffic_data();
+    void countersMatchTraffic();
+    void highMarkRisesWhileConsumerHeld_data();
+    void highMarkRisesWhileConsumerHeld();
+    void queuePolicies_data();
+    void queuePolicies();
+    void blockedProducerReleased_data();
+    void blockedProducerReleased();
+    void batchedChannelsKeepEveryListInOrder();
+    void batchedChannelDeletedWithListsWaiting();
+    void requestEndsWithoutAnswer_data();
+    void requestEndsWithoutAnswer();
+    void blockingRequestRefused_data();
+    void blockingRequestRefused();
 };
 
 using Counts = QList<int>;
@@ -387,13 +530,16 @@ void tst_Propagator::streamKeepsEveryListOnceAndInOrder()
 void tst_Propagator::feedbackRoundTrips_data()
 {
     QTest::addColumn<bool>("concurrent");
-    QTest::newRow("direct, one thread") << false;
-    QTest::newRow("concurrent, many requests across threads") << true;
+    QTest::addColumn<bool>("serverKnown");
+    QTest::newRow("direct, one thread") << false << false;
+    QTest::newRow("concurrent, many requests across threads") << true << false;
+    QTest::newRow("concurrent, emitted in the server's thread") << true << true;
 }
 
 void tst_Propagator::feedbackRoundTrips()
 {
     QFETCH(bool, concurrent);
+    QFETCH(bool, serverKnown);
 
     TestThread ppg, serverThread;
     PropagatorFeedbackDirect direct;
@@ -403,7 +549,10 @@ void tst_Propagator::feedbackRoundTrips()
     if (concurrent) {
         // As the kernel wires it: the propagator in a thread of its own, the server in another,
         // the requester in a third.
-        p = ppg.adopt(new PropagatorFeedbackConcurrent);
+        auto *concurrentOne = ppg.adopt(new PropagatorFeedbackConcurrent);
+        if (serverKnown)
+            concurrentOne->setServerThread(&serverThread);
+        p = concurrentOne;
         serverThread.adopt(new Server(p));
         std::unique_ptr<QThread> requester(QThread::create([&] {
             for (int i = 0; i < StressRequests; ++i)
@@ -575,6 +724,368 @@ void tst_Propagator::setPropagator()
     stream.sendList({1});
     QCOMPARE(delivered.count(), stored && p == &stream ? 0 : 1);
     QCOMPARE(m.setPropagator(name, p, feedback), accepted);
+}
+
+void tst_Propagator::countersMatchTraffic_data()
+{
+    QTest::addColumn<int>("kind");
+    QTest::newRow("direct") << int(DirectChannel);
+    QTest::newRow("concurrent") << int(ConcurrentChannel);
+    QTest::newRow("batched") << int(BatchedChannel);
+}
+
+void tst_Propagator::countersMatchTraffic()
+{
+    QFETCH(int, kind);
+    constexpr int Lists = 5000; // per producer
+    constexpr int Second = 1000000; // the second producer's first number
+
+    TestThread consumerThread;
+    auto *consumer = consumerThread.adopt(new Recorder(1));
+    auto p = channelTo(kind, consumer);
+    p->send(bytes); // counted, delivered to nobody
+    auto first = producer(p.get(), Lists);
+    auto second = producer(p.get(), Lists, Second);
+    QVERIFY(first->wait(Patience) && second->wait(Patience));
+    QTRY_COMPARE_WITH_TIMEOUT(consumer->received.loadAcquire(), 2 * Lists, Patience);
+
+    // Each producer's lists arrive once and in its order.
+    std::vector<int> numbers[2];
+    for (int n : consumer->seen)
+        numbers[n >= Second].push_back(n);
+    for (int i = 0; i < 2; ++i) {
+        QCOMPARE(int(numbers[i].size()), Lists);
+        QCOMPARE(numbers[i].front(), i * Second);
+        QVERIFY(std::is_sorted(numbers[i].begin(), numbers[i].end()));
+    }
+
+    // Queued deliveries are confirmed after the fact: exact once the channel is quiet.
+    QTRY_COMPARE_WITH_TIMEOUT(p->stats().deliveries, quint64(2 * Lists), Patience);
+    const ChannelStats s = p->stats();
+    QCOMPARE(s.lists, quint64(2 * Lists));
+    QCOMPARE(s.arrays, quint64(1));
+    QCOMPARE(s.dropped + s.requests + s.answers + s.timeouts + s.refused, quint64(0));
+    if (kind == DirectChannel) {
+        QCOMPARE(s.pending, -1);
+        QCOMPARE(s.latencyMedianNs, -1);
+    } else {
+        QCOMPARE(s.pending, 0);
+        QVERIFY(s.pendingHigh >= 0 && s.pendingHigh <= 2 * Lists + 1); // the lists and the array
+        QVERIFY(s.latencyMedianNs >= 0 && s.latencyP99Ns >= s.latencyMedianNs);
+    }
+}
+
+void tst_Propagator::highMarkRisesWhileConsumerHeld_data()
+{
+    QTest::addColumn<int>("kind");
+    QTest::newRow("concurrent") << int(ConcurrentChannel);
+    QTest::newRow("batched") << int(BatchedChannel);
+}
+
+void tst_Propagator::highMarkRisesWhileConsumerHeld()
+{
+    QFETCH(int, kind);
+    constexpr int Waiting = 100;
+
+    TestThread consumerThread;
+    auto *consumer = consumerThread.adopt(new Recorder(1, true));
+    auto p = channelTo(kind, consumer);
+    p->sendList({0});
+    QVERIFY(consumer->entered.tryAcquire(1, Patience));
+    for (int n = 1; n <= Waiting; ++n)
+        p->sendList({n});
+    const ChannelStats held = p->stats();
+    QVERIFY2(held.pending >= Waiting && held.pendingHigh >= held.pending,
+             qPrintable(QString("%1 %2").arg(held.pending).arg(held.pendingHigh)));
+
+    consumer->hold.release();
+    QTRY_COMPARE_WITH_TIMEOUT(consumer->received.loadAcquire(), Waiting + 1, Patience);
+    QTRY_COMPARE_WITH_TIMEOUT(p->stats().pending, 0, Patience);
+    QVERIFY(p->stats().pendingHigh >= held.pending);
+    QVERIFY(consumer->inOrder(true));
+}
+
+void tst_Propagator::queuePolicies_data()
+{
+    QTest::addColumn<int>("kind");
+    QTest::addColumn<int>("policy");
+    for (int kind : {ConcurrentChannel, BatchedChannel}) {
+        for (int policy : {PropagatorStreamConcurrent::Block, PropagatorStreamConcurrent::Drop})
+            QTest::addRow("%s, %s", kind == BatchedChannel ? "batched" : "concurrent",
+                          policy == PropagatorStreamConcurrent::Block ? "block" : "drop")
+                << kind << policy;
+    }
+}
+
+void tst_Propagator::queuePolicies()
+{
+    QFETCH(int, kind);
+    QFETCH(int, policy);
+    constexpr int Lists = 400;
+    constexpr int Limit = 16;
+    const bool block = policy == PropagatorStreamConcurrent::Block;
+
+    TestThread consumerThread;
+    auto *consumer = consumerThread.adopt(new Recorder(1, false, 300));
+    auto p = channelTo(kind, consumer);
+    auto *channel = static_cast<PropagatorStreamConcurrent *>(p.get());
+    channel->setQueueLimit(Limit, PropagatorStreamConcurrent::QueuePolicy(policy));
+    Warnings warnings(channel);
+    QVERIFY(producer(p.get(), Lists)->wait(Patience));
+
+    // Every list is either received, in order, or counted as dropped.
+    const ChannelStats sent = p->stats();
+    QCOMPARE(sent.lists + sent.dropped, quint64(Lists));
+    QTRY_COMPARE_WITH_TIMEOUT(quint64(consumer->received.loadAcquire()), sent.lists, Patience);
+    QVERIFY(consumer->inOrder(block));
+    QTRY_COMPARE_WITH_TIMEOUT(p->stats().deliveries, sent.lists, Patience);
+    if (block) {
+        QCOMPARE(sent.dropped, quint64(0));
+        QVERIFY2(p->stats().pendingHigh <= Limit, qPrintable(QString::number(sent.pendingHigh)));
+    } else {
+        QVERIFY(sent.dropped > 0);
+    }
+    // The slow consumer made the producer run into the limit at once: one warning, naming the
+    // channel, and none again within the second.
+    QVERIFY(!warnings.all().isEmpty());
+    const QString warning = warnings.all().first();
+    QVERIFY2(warning.contains("\"gen:out->sink:in\"") && warning.contains("limit 16")
+                 && warning.contains(block ? "policy=block" : "policy=drop"),
+             qPrintable(warning));
+}
+
+void tst_Propagator::blockedProducerReleased_data()
+{
+    QTest::addColumn<int>("kind");
+    QTest::addColumn<bool>("closing");
+    for (int kind : {ConcurrentChannel, BatchedChannel}) {
+        const char *name = kind == BatchedChannel ? "batched" : "concurrent";
+        QTest::addRow("%s, close()", name) << kind << true;
+        QTest::addRow("%s, the consumer's thread ends", name) << kind << false;
+    }
+}
+
+void tst_Propagator::blockedProducerReleased()
+{
+    QFETCH(int, kind);
+    QFETCH(bool, closing);
+    constexpr int Lists = 100;
+    constexpr int Limit = 4;
+
+    TestThread consumerThread;
+    auto *consumer = consumerThread.adopt(new Recorder(1, true));
+    auto p = channelTo(kind, consumer);
+    auto *channel = static_cast<PropagatorStreamConcurrent *>(p.get());
+    channel->setQueueLimit(Limit, PropagatorStreamConcurrent::Block);
+    auto thread = producer(p.get(), Lists);
+    QVERIFY(consumer->entered.tryAcquire(1, Patience));
+    // The producer fills the queue and waits: nothing but the row's event can release it.
+    QTRY_COMPARE_WITH_TIMEOUT(p->stats().pending, qint64(Limit), Patience);
+    QVERIFY(!thread->isFinished());
+
+    if (closing) {
+        channel->close();
+        QVERIFY(thread->wait(Patience));
+        consumer->hold.release();
+        // Closed, the channel passes every list on without waiting.
+        QTRY_COMPARE_WITH_TIMEOUT(consumer->received.loadAcquire(), Lists, Patience);
+        QVERIFY(consumer->inOrder(true));
+    } else {
+        consumerThread.quit();
+        consumer->hold.release();
+        QVERIFY(consumerThread.wait(Patience));
+        QVERIFY(thread->wait(Patience));
+        const ChannelStats s = p->stats();
+        QCOMPARE(s.lists + s.dropped, quint64(Lists));
+    }
+}
+
+void tst_Propagator::batchedChannelsKeepEveryListInOrder()
+{
+    TestThread third, fourth;
+    Recorder *consumers[] = {third.adopt(new Recorder(1)), fourth.adopt(new Recorder(2))};
+    std::unique_ptr<PropagatorStream> channels[]
+        = {channelTo(BatchedChannel, consumers[0]), channelTo(BatchedChannel, consumers[1])};
+    std::unique_ptr<QThread> producers[]
+        = {producer(channels[0].get(), BatchedLists), producer(channels[1].get(), BatchedLists)};
+    for (int i = 0; i < 2; ++i)
+        QVERIFY(producers[i]->wait(Patience));
+    for (int i = 0; i < 2; ++i) {
+        QTRY_COMPARE_WITH_TIMEOUT(consumers[i]->received.loadAcquire(), BatchedLists, Patience);
+        QCOMPARE(consumers[i]->seen.front(), 0);
+        QVERIFY(consumers[i]->inOrder(true));
+        const ChannelStats s = channels[i]->stats();
+        QCOMPARE(s.lists, quint64(BatchedLists));
+        QCOMPARE(s.deliveries, quint64(BatchedLists));
+        QCOMPARE(s.dropped, quint64(0));
+        QCOMPARE(s.pending, 0);
+    }
+}
+
+void tst_Propagator::batchedChannelDeletedWithListsWaiting()
+{
+    TestThread consumerThread;
+    auto *consumer = consumerThread.adopt(new Recorder(1));
+    QSemaphore blocked, hold;
+    auto p = channelTo(BatchedChannel, consumer);
+
+    // The consumer's thread is busy elsewhere: the lists and their wake-up wait.
+    postQueuedCall(consumer, [&] {
+        blocked.release();
+        hold.tryAcquire(1, Patience);
+    });
+    QVERIFY(blocked.tryAcquire(1, Patience));
+    for (int n = 0; n < 50; ++n)
+        p->sendList({n});
+    QCOMPARE(p->stats().pending, 50);
+    p.reset();
+    hold.release();
+
+    // A wake-up that outlived its channel delivers nothing; once the consumer's thread has
+    // ended, a channel into it drops what it is given instead of queueing it for nobody.
+    auto late = channelTo(BatchedChannel, consumer);
+    QSignalSpy warnings(late.get(), &Propagator::warning);
+    consumerThread.quit();
+    QVERIFY(consumerThread.wait(Patience));
+    QCOMPARE(consumer->received.loadAcquire(), 0);
+    late->sendList({1});
+    QCOMPARE(late->stats().dropped, quint64(1));
+    QCOMPARE(late->stats().lists, quint64(0));
+    QCOMPARE(warnings.count(), 1);
+}
+
+enum Ending { TimeOut, Close, ServerEnds };
+
+void tst_Propagator::requestEndsWithoutAnswer_data()
+{
+    QTest::addColumn<int>("kind");
+    QTest::addColumn<int>("ending");
+    const char *names[] = {"read", "readList", "write", "writeList"};
+    for (int kind : {Read, ReadList, Write, WriteList}) {
+        QTest::addRow("%s, time-out", names[kind]) << kind << int(TimeOut);
+        QTest::addRow("%s, close()", names[kind]) << kind << int(Close);
+    }
+    QTest::addRow("read, the server's thread ends") << int(Read) << int(ServerEnds);
+}
+
+// The error answer: empty data, -1.
+bool errorAnswer(PropagatorFeedback *p, int kind, qlonglong i)
+{
+    switch (kind) {
+    case Read:
+        return p->read(i).isEmpty();
+    case ReadList:
+        return p->readList(i).isEmpty();
+    case Write:
+        return p->write(QByteArray::number(i)) == -1;
+    default:
+        return p->writeList({i}) == -1;
+    }
+}
+
+void tst_Propagator::requestEndsWithoutAnswer()
+{
+    QFETCH(int, kind);
+    QFETCH(int, ending);
+
+    // As the kernel wires it, told the server's thread; the server ignores its first request.
+    TestThread ppg, serverThread;
+    auto *p = ppg.adopt(new PropagatorFeedbackConcurrent);
+    p->setObjectName("ctl:dev->gen:dev");
+    p->setServerThread(&serverThread);
+    if (ending == TimeOut)
+        p->setRequestTimeout(100);
+    Warnings warnings(p);
+    auto *server = serverThread.adopt(new Server(p, nullptr, 1));
+
+    QAtomicInt failed;
+    std::unique_ptr<QThread> requester(
+        QThread::create([&] { failed.storeRelease(errorAnswer(p, kind, 1)); }));
+    requester->start();
+    QVERIFY(server->entered.tryAcquire(1, Patience));
+    if (ending == Close)
+        p->close();
+    if (ending == ServerEnds) {
+        serverThread.quit();
+        QVERIFY(serverThread.wait(Patience));
+    }
+    QVERIFY(requester->wait(Patience));
+    QVERIFY(failed.loadAcquire());
+
+    const ChannelStats s = p->stats();
+    if (ending == Close) {
+        // Closed for good: the next blocking request is refused at once, quietly.
+        QVERIFY(errorAnswer(p, kind, 2));
+        QCOMPARE(p->stats().refused, quint64(1));
+        QCOMPARE(s.timeouts, quint64(0));
+        QCOMPARE(warnings.all().count(), 0);
+        return;
+    }
+    QCOMPARE(s.timeouts, quint64(ending == TimeOut));
+    QCOMPARE(warnings.all().count(), 1);
+    const QString warning = warnings.all().first();
+    QVERIFY2(warning.contains("\"ctl:dev->gen:dev\"")
+                 && warning.contains(ending == TimeOut ? "100 ms" : "thread has ended"),
+             qPrintable(warning));
+    if (ending == ServerEnds) {
+        // Nobody could answer any more: the next request does not wait either.
+        QVERIFY(errorAnswer(p, kind, 2));
+        return;
+    }
+    // The next request gets its own answer, not a stale one; so does the one after.
+    QVERIFY(request(p, kind, 2));
+    QVERIFY(request(p, (kind + 1) % RequestKinds, 3));
+    const ChannelStats after = p->stats();
+    QCOMPARE(after.requests, quint64(3));
+    QCOMPARE(after.answers, quint64(2));
+}
+
+void tst_Propagator::blockingRequestRefused_data()
+{
+    QTest::addColumn<bool>("own");
+    QTest::newRow("from the channel's own thread") << true;
+    QTest::newRow("from the server's thread") << false;
+}
+
+void tst_Propagator::blockingRequestRefused()
+{
+    QFETCH(bool, own);
+
+    TestThread ppg, serverThread;
+    ppg.setObjectName("zt propagators");
+    serverThread.setObjectName("zt2 gen,gain");
+    auto *p = ppg.adopt(new PropagatorFeedbackConcurrent);
+    p->setObjectName("ctl:dev->gen:dev");
+    p->setServerThread(&serverThread);
+    auto *server = serverThread.adopt(new Server(p));
+    Warnings warnings(p);
+
+    // Both would wait for ever for a request that thread itself would have to deliver.
+    QSemaphore done;
+    QByteArray answer("stale");
+    qlonglong written = 0;
+    postQueuedCall(own ? static_cast<QObject *>(p) : server, [&] {
+        answer = p->read(1);
+        written = p->write("2");
+        tsanRelease(&answer);
+        done.release();
+    });
+    QVERIFY(done.tryAcquire(1, Patience));
+    tsanAcquire(&answer);
+    QVERIFY(answer.isEmpty());
+    QCOMPARE(written, qlonglong(-1));
+    const ChannelStats s = p->stats();
+    QCOMPARE(s.refused, quint64(2));
+    QCOMPARE(s.requests, quint64(0));
+
+    QCOMPARE(warnings.all().count(), 2);
+    const QString warning = warnings.all().first();
+    const QString thread = own ? "\"zt propagators\"" : "\"zt2 gen,gain\"";
+    QVERIFY2(warning.contains("\"ctl:dev->gen:dev\"") && warning.contains(thread)
+                 && warning.contains(own ? "own thread" : "server's thread"),
+             qPrintable(warning));
+    // From any other thread the channel works as before.
+    QVERIFY(request(p, Read, 3));
 }
 
 QTEST_GUILESS_MAIN(tst_Propagator)

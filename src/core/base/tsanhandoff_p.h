@@ -1,6 +1,10 @@
 #pragma once
 
+#include <QMetaObject>
 #include <QMutex>
+#include <QObject>
+
+#include <utility>
 
 // Hand-offs the thread sanitizer cannot see. Qt's own code is not instrumented in the usual
 // builds (Debian's is not), and QMutex, QSemaphore and event posting synchronise inside it, so
@@ -18,6 +22,8 @@
 #endif
 
 #ifdef ZTCORE_TSAN
+#include <mutex>
+
 extern "C" void __tsan_acquire(void *addr);
 extern "C" void __tsan_release(void *addr);
 #endif
@@ -74,3 +80,29 @@ private:
     QMutex *m_mutex;
     bool m_locked = false;
 };
+
+// Posts `call` to run in the thread `context` lives in, as a queued call
+// (QMetaObject::invokeMethod). Qt builds the call, captures included, inside invokeMethod and
+// hands it over through its own queue, so no release point can follow the building and precede
+// the hand-over; under the thread sanitizer the posting thread holds a lock (one for the whole
+// library) while it posts, and the call takes the same lock before it touches its captures.
+// Everything the posting thread did before posting then happens before the call.
+template<typename Call>
+void postQueuedCall(QObject *context, Call &&call)
+{
+#ifdef ZTCORE_TSAN
+    static std::mutex posting;
+    std::lock_guard<std::mutex> lock(posting);
+    QMetaObject::invokeMethod(
+        context,
+        [call = std::forward<Call>(call)]() mutable {
+            {
+                std::lock_guard<std::mutex> handedOver(posting);
+            }
+            call();
+        },
+        Qt::QueuedConnection);
+#else
+    QMetaObject::invokeMethod(context, std::forward<Call>(call), Qt::QueuedConnection);
+#endif
+}

@@ -47,4 +47,15 @@ struct ZTCORE_EXPORT ChannelCounters
         Q_UNUSED(n)
 #endif
     }
+    // The same for a counter that only one thread at a time changes (under a lock of its
+    // channel): a plain load and store, no read-modify-write.
+    static void addSerialised(std::atomic<quint64> &counter, quint64 n = 1)
+    {
+#ifndef ZTCORE_NO_CHANNEL_STATS
+        counter.store(counter.load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
+#else
+        Q_UNUSED(counter)
+        Q_UNUSED(n)
+#endif
+    }
 };

@@ -50,3 +50,9 @@ ChannelStats Propagator::stats() const
     s.refused = load(m_counters.refused);
     return s;
 }
+
+QString Propagator::channelName() const
+{
+    const QString name = objectName();
+    return name.isEmpty() ? QString::fromLatin1(metaObject()->className()) : name;
+}

@@ -42,7 +42,18 @@ public:
     ChannelCounters &counters();
     virtual ChannelStats stats() const;
 
+signals:
+    // Something the channel's users should know about and that its caller cannot be told
+    // through a return value: a queue limit reached, a request timed out or refused. The text
+    // names the channel (objectName(), which the kernel sets to the connection entry) and is
+    // meant for the log, at warning level. Emitted from the thread that ran into the condition,
+    // never with a lock of the channel held.
+    void warning(const QString &message);
+
 protected:
+    // The channel's name for messages: its objectName, or its class when it has none.
+    QString channelName() const;
+
     Propagator::PropagatorType type;
     Propagator *child; // not owned
     QMutex mutex;

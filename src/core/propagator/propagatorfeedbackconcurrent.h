@@ -4,11 +4,17 @@
 #include "propagatorfeedback.h"
 
 #include <QMutex>
+#include <QPointer>
 #include <QSemaphore>
+#include <QThread>
+
+#include <atomic>
+#include <deque>
 
 class QEvent;
-class QThread;
 class TsanMutexLocker;
+class FeedbackRelay;
+class RequestEvent;
 
 // Requester and server in different threads. The kernel moves the propagator to the thread
 // launcher's propagator thread, which belongs to neither module: a request is posted to the
@@ -29,16 +35,27 @@ class TsanMutexLocker;
 // waits (a server pushing data) is kept as uncollected: readLater refuses until it has been
 // collected, and a blocking read or write discards it.
 //
+// Once the kernel names the server's thread (setServerThread), requests are posted to a small
+// relay object living there instead, and the try* signals are emitted in the server's thread:
+// a server connected with an automatic connection then runs inside that emission, and an
+// answer given there (from that thread, during its slot) belongs to that very request, whatever
+// happened to earlier ones. This keeps a server that never answers one request from shifting
+// the matching of every later answer. Answers given outside the slot keep the order rule.
+//
 // The buffers and the bookkeeping are guarded by a lock of their own, never held while the
-// propagator emits. Never call a blocking operation from the propagator's own thread: the
-// request event could not be delivered and the call would wait for ever. The blocking operations
-// have no time-out; only waitLaterRead/waitLaterReadList have one.
+// propagator emits. A blocking operation called from the propagator's own thread or from the
+// server's thread could never be answered: it is refused at once with the error answer (empty
+// data, -1), counted as refused and warned about (warning()). A blocking operation waits until
+// its answer comes, until the request time-out (setRequestTimeout) passes, until close(), or
+// until the server's thread has ended; in all but the first case it returns the error answer.
+// waitLaterRead/waitLaterReadList keep their own time-out.
 class ZTCORE_EXPORT PropagatorFeedbackConcurrent : public PropagatorFeedback
 {
     Q_OBJECT
 
 public:
     explicit PropagatorFeedbackConcurrent(QObject *parent = nullptr);
+    ~PropagatorFeedbackConcurrent() override;
 
     QByteArray read(qlonglong pos) override;
     QVariantList readList(qlonglong pos) override;
@@ -79,19 +96,36 @@ private:
     struct Channel
     {
         quint64 waiting = 0; // serial of the request waiting for its answer; 0: none
-        quint64 ticket = 0; // its place among the requests handed to the server; 0: not yet
-        quint64 dispatched = 0; // requests handed to the server
-        quint64 answered = 0; // answers received for them
+        // Requests handed to the server whose answers are expected in order, oldest first.
+        std::deque<quint64> outstanding;
+        quint64 serving = 0; // request being emitted in the server's thread; 0: none
+        bool servingAnswered = false;
+        bool blocking = false; // the waiting request is a blocking one (not a deferred read)
+        int wake = 0; // why a blocked requester was woken without an answer; 0: it was not
     };
 
-    quint64 open(Channel &channel, QSemaphore &answers);
-    void await(TsanMutexLocker &lock, Channel &channel, QSemaphore &answers);
+    friend class FeedbackRelay;
+    // The server's side of a request, in the thread whose event loop delivered it.
+    void serve(const RequestEvent &request);
+    bool refuse(const char *what);
+    quint64 open(Channel &channel, QSemaphore &answers, bool blocking);
+    void releaseWaiters(int reason);
+    QObject *requestTarget() const;
+    bool await(TsanMutexLocker &lock, Channel &channel, QSemaphore &answers, const char *what);
     bool settleDeferred(bool answered);
-    bool dispatch(Channel &channel, quint64 serial, bool served);
+    bool dispatch(Channel &channel, quint64 serial, bool served, bool inServerThread);
     bool accept(Channel &channel);
 
     QMutex m_lock; // guards the buffers and the channels
     Channel m_reads;
     Channel m_writes;
     quint64 m_serial = 0;
+    QThread *m_servingThread = nullptr; // the thread emitting a request now; m_lock held
+
+    std::atomic<int> m_timeoutMs {0};
+    std::atomic<bool> m_closed {false}; // changed with m_lock held
+    bool m_serverGone = false; // the server's thread has ended; m_lock held
+    QPointer<QThread> m_serverThread; // set while wiring
+    QMetaObject::Connection m_serverWatch; // its finished() signal
+    FeedbackRelay *m_relay = nullptr; // lives in the server's thread; set while wiring
 };

@@ -7,6 +7,8 @@
 #include <QByteArray>
 #include <QVariantList>
 
+#include <atomic>
+
 // One-way channel from a producing module to its consumers. The producer calls the send slots;
 // consumers connect to the try* signals. streamSendList is emitted only for lists that entered
 // through sendList, never for lists relayed through recvSendList, so that a consumer can tell a
@@ -37,4 +39,25 @@ protected slots:
     // Entry points for an upstream propagator or module in a chain.
     virtual void recvSend(const QByteArray &byteArray) = 0;
     virtual void recvSendList(const QVariantList &list) = 0;
+
+protected:
+    // How many slot calls (deliveries) one emission of each consumer signal makes.
+    struct Fanout
+    {
+        quint64 bytes = 0; // trySend
+        quint64 lists = 0; // trySendList
+        quint64 stream = 0; // streamSendList
+    };
+    // Refreshed after a connection to this propagator changed. Only with the propagator's mutex
+    // held (every emission holds it), so that the refresh is not raced by another sender.
+    const Fanout &fanout();
+
+    void connectNotify(const QMetaMethod &signal) override;
+    void disconnectNotify(const QMetaMethod &signal) override;
+
+private:
+    // Set from connect and disconnect (any thread, possibly under Qt's connection lock, where
+    // receivers() may not be called); the next emission counts afresh.
+    std::atomic<bool> m_fanoutStale {true};
+    Fanout m_fanout;
 };

@@ -2,6 +2,18 @@
 
 #include "tsanhandoff_p.h"
 
+// Mutex held. The consumers ran inside the emission, so what was sent is also delivered.
+void PropagatorStreamDirect::count(std::atomic<quint64> &sent, quint64 deliveries)
+{
+#ifndef ZTCORE_NO_CHANNEL_STATS
+    ChannelCounters::addSerialised(sent);
+    ChannelCounters::addSerialised(m_counters.deliveries, deliveries);
+#else
+    Q_UNUSED(sent)
+    Q_UNUSED(deliveries)
+#endif
+}
+
 PropagatorStreamDirect::PropagatorStreamDirect(QObject *parent)
     : PropagatorStream(Propagator::Direct, parent)
 { }
@@ -34,6 +46,7 @@ void PropagatorStreamDirect::send(const QByteArray &byteArray)
     emit trySend(byteArray);
     if (child)
         emit childSend(byteArray);
+    count(m_counters.arrays, fanout().bytes);
 }
 
 void PropagatorStreamDirect::sendList(const QVariantList &list)
@@ -43,16 +56,19 @@ void PropagatorStreamDirect::sendList(const QVariantList &list)
     emit streamSendList(list);
     if (child)
         emit childSendList(list);
+    count(m_counters.lists, fanout().lists + fanout().stream);
 }
 
 void PropagatorStreamDirect::recvSend(const QByteArray &byteArray)
 {
     TsanMutexLocker guard(&mutex);
     emit trySend(byteArray);
+    count(m_counters.arrays, fanout().bytes);
 }
 
 void PropagatorStreamDirect::recvSendList(const QVariantList &list)
 {
     TsanMutexLocker guard(&mutex);
     emit trySendList(list);
+    count(m_counters.lists, fanout().lists);
 }

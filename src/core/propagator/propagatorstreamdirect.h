@@ -30,4 +30,7 @@ public slots:
 protected slots:
     void recvSend(const QByteArray &byteArray) override;
     void recvSendList(const QVariantList &list) override;
+
+private:
+    void count(std::atomic<quint64> &sent, quint64 deliveries);
 };
