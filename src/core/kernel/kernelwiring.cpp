@@ -283,6 +283,8 @@ bool KernelWiring::routePlain(ZtMIFound *from, ZtMIFound *to, const QString &sig
     // A batched channel delivers from its own thread: the consumer's.
     if (current.batchedMade)
         pg->moveToThread(to->thread());
+    // No module locks here, so the channel learns its consumer from the kernel.
+    pg->addConsumer(to);
     const bool in = QObject::connect(from, signalCode(signal).constData(), pg,
                                      lists ? SLOT(sendList(QVariantList)) : SLOT(send(QByteArray)),
                                      Qt::DirectConnection);
@@ -485,9 +487,16 @@ bool KernelWiring::makeActionLink(const QStringList &fields)
     return ok;
 }
 
+// Every channel the kernel makes is named after the entry that made it, and what it has to say
+// (a queue limit reached, a request timed out or refused) goes to the log from the GUI thread.
 void KernelWiring::keep(Propagator *pg)
 {
     kernel->propagators.append(pg);
+    if (pg->objectName().isEmpty())
+        pg->setObjectName(current.entry);
+    ZtKernel *k = kernel;
+    QObject::connect(pg, &Propagator::warning, kernel,
+                     [k](const QString &message) { k->log(message, 3); });
 }
 
 // Module locks are not recursive: a propagator must never hold the same module's lock twice,
