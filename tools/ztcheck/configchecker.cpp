@@ -8,6 +8,7 @@
 #include <ztmiextended.h>
 #include <ztmifound.h>
 #include <ztmistream.h>
+#include <ztmodulemetadata.h>
 
 #include <QAction>
 #include <QDir>
@@ -52,6 +53,14 @@ const QString idPrefix = QStringLiteral("id_");
 const QString signalPrefix = QStringLiteral("signal_");
 const QString slotPrefix = QStringLiteral("slot_");
 
+// "id_12" -> 12, as the kernel reads module numbers; -1 for anything that is not one.
+int numberOf(const QString &field)
+{
+    bool ok = false;
+    const int n = field.mid(3).toInt(&ok);
+    return ok && n >= 0 ? n : -1;
+}
+
 // The text of a value as the library reads it: an unquoted ',' made the base return a list.
 QString text(const QVariant &value)
 {
@@ -60,24 +69,27 @@ QString text(const QVariant &value)
     return value.toString();
 }
 
+// Edit distance with swapped neighbours counting as one edit (the commonest typo), ignoring case.
 int distance(const QString &a, const QString &b)
 {
     const QString x = a.toLower();
     const QString y = b.toLower();
-    QVector<int> row(y.size() + 1);
-    for (int j = 0; j <= y.size(); ++j)
-        row[j] = j;
-    for (int i = 1; i <= x.size(); ++i) {
-        int diagonal = row[0];
-        row[0] = i;
-        for (int j = 1; j <= y.size(); ++j) {
-            const int above = row[j];
-            row[j] = std::min(
-                {row[j] + 1, row[j - 1] + 1, diagonal + (x.at(i - 1) == y.at(j - 1) ? 0 : 1)});
-            diagonal = above;
+    const int n = x.size();
+    const int m = y.size();
+    QVector<QVector<int>> d(n + 1, QVector<int>(m + 1));
+    for (int i = 0; i <= n; ++i)
+        d[i][0] = i;
+    for (int j = 0; j <= m; ++j)
+        d[0][j] = j;
+    for (int i = 1; i <= n; ++i) {
+        for (int j = 1; j <= m; ++j) {
+            const int cost = x.at(i - 1) == y.at(j - 1) ? 0 : 1;
+            d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + cost});
+            if (i > 1 && j > 1 && x.at(i - 1) == y.at(j - 2) && x.at(i - 2) == y.at(j - 1))
+                d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
         }
     }
-    return row[y.size()];
+    return d[n][m];
 }
 
 // The candidate closest to `word`, if it is close enough to be what was meant.
@@ -268,12 +280,12 @@ public:
     void checkModuleGroups(const QString &group);
     void checkWidgets();
     void checkMenus();
-    void checkMenuEntries(const QString &what, const QString &name, const QString &group,
-                          const QString &container);
+    void checkMenuEntries(const QString &what, const QString &name, const QString &group);
     void checkConnections();
     void checkConnection(CheckedConnection &c);
     void checkAction(CheckedConnection &c, const QStringList &fields);
     int moduleRef(const QString &field, int line, const QString &where);
+    bool aliasNotRewritten(const QString &word, int line, const QString &entry);
     void checkSignal(int id, const QString &field, int line, const QString &entry);
     void checkSlot(int id, const QString &field, int line, const QString &entry);
     bool checkPropagator(int id, const QString &name, bool feedback, int line,
@@ -578,8 +590,11 @@ void ConfigChecker::Private::loadModule(int id, Module &m)
     if (!QFile::exists(path)) {
         QStringList names;
         const QStringList files = dir.entryList({QStringLiteral("*.dll")}, QDir::Files);
-        for (const QString &file : files)
-            names.append(QFileInfo(file).completeBaseName());
+        // Suggest the name to write in .name: the library's own, where its metadata says it.
+        for (const QString &file : files) {
+            const ZtModuleMetaData meta = ZtModuleMetaData::fromFile(dir.absoluteFilePath(file));
+            names.append(meta.isValid() ? meta.getName() : QFileInfo(file).completeBaseName());
+        }
         QString hint = didYouMean(m.library, names);
         if (hint.isEmpty())
             hint = QStringLiteral("the library file is .name in lower case with \".dll\"");
@@ -668,7 +683,7 @@ void ConfigChecker::Private::checkMenus()
         const QStringList listed = kind.list == QLatin1String("menus") ? settings->readMenus()
                                                                        : settings->readToolBars();
         for (const QString &name : listed)
-            checkMenuEntries(QLatin1String(kind.what), name, group, QLatin1String(kind.list));
+            checkMenuEntries(QLatin1String(kind.what), name, group);
         const QStringList placed = childGroups(QStringLiteral("actions/") + group);
         for (const QString &name : placed) {
             if (!listed.contains(name))
@@ -684,13 +699,15 @@ void ConfigChecker::Private::checkMenus()
 
 // Entries "<module>,<action>" of one menu or tool bar, with aliases rewritten as the kernel does.
 void ConfigChecker::Private::checkMenuEntries(const QString &what, const QString &name,
-                                              const QString &group, const QString &container)
+                                              const QString &group)
 {
-    Q_UNUSED(container)
     const auto entries = sortedEntries({QStringLiteral("actions"), group, name});
     for (const auto &entry : entries) {
-        const int line
-            = ini.lineOf(QStringLiteral("actions/%1/%2/%3").arg(group, name, entry.first));
+        const IniLocator::Entry *located
+            = ini.find(QStringLiteral("actions/%1/%2/%3").arg(group, name, entry.first));
+        const int line = located ? located->line : 0;
+        if (located && located->cut)
+            continue; // reported with the text; what is left is not what was meant
         const QString rewritten
             = settings
                   ->replaceAliasesToId({entry.second}, QString(), QStringLiteral(","), QString())
@@ -733,6 +750,21 @@ void ConfigChecker::Private::checkMenuEntries(const QString &what, const QString
                     didYouMean(action, actions));
         }
     }
+}
+
+// A defined alias left in a connection entry: the kernel rewrites an alias only where a ';'
+// follows it, and in an entry that begins with it nowhere else.
+bool ConfigChecker::Private::aliasNotRewritten(const QString &word, int line, const QString &entry)
+{
+    if (!aliases.values().contains(word))
+        return false;
+    fault(line, QStringLiteral("alias-not-rewritten"),
+          QStringLiteral("alias \"%1\" in connection \"%2\" is not rewritten to its module: the "
+                         "kernel rewrites an alias only where ';' follows it, and only once in an "
+                         "entry that begins with it")
+              .arg(word, entry),
+          QStringLiteral("write id_%1 here").arg(aliases.key(word)));
+    return true;
 }
 
 // "id_<n>" in a connection: a number, and a module the kernel loads.
@@ -866,7 +898,7 @@ void ConfigChecker::Private::checkConnection(CheckedConnection &c)
     }
     const QString where = QStringLiteral("connection \"%1\"").arg(c.entry);
     const int a = moduleRef(source, line, where);
-    c.from = a;
+    c.from = a >= 0 ? a : numberOf(source);
     const QString target = fields.value(2);
     if (fields.size() < 3) {
         fault(line, QStringLiteral("field-count"),
@@ -915,6 +947,8 @@ void ConfigChecker::Private::checkConnection(CheckedConnection &c)
         return;
     }
     if (!target.startsWith(idPrefix)) {
+        if (aliasNotRewritten(target, line, c.entry))
+            return;
         QString hint = didYouMean(target, aliases.values() << QStringLiteral("logger"));
         fault(line, QStringLiteral("unknown-alias"),
               QStringLiteral("\"%1\" in connection \"%2\" is neither a module identifier "
@@ -924,7 +958,7 @@ void ConfigChecker::Private::checkConnection(CheckedConnection &c)
         return;
     }
     const int b = moduleRef(target, line, where);
-    c.to = b;
+    c.to = b >= 0 ? b : numberOf(target);
     if (fields.size() < 4) {
         fault(line, QStringLiteral("field-count"),
               QStringLiteral("connection \"%1\" has 3 fields; an entry is "
@@ -1099,7 +1133,7 @@ void ConfigChecker::Private::checkAction(CheckedConnection &c, const QStringList
                   QStringLiteral("action entry \"%1\" must begin with act:<alias>,<action> or "
                                  "actid_<number>,<action>")
                       .arg(c.entry));
-        } else {
+        } else if (!aliasNotRewritten(head.section(QLatin1Char(','), 0, 0), line, c.entry)) {
             fault(line, QStringLiteral("unknown-alias"),
                   QStringLiteral("\"%1\" in connection \"%2\" is neither a module identifier "
                                  "(id_<number>) nor a defined alias")
@@ -1148,6 +1182,8 @@ void ConfigChecker::Private::checkAction(CheckedConnection &c, const QStringList
                   .arg(c.entry));
         return;
     }
+    if (!target.startsWith(idPrefix) && aliasNotRewritten(target, line, c.entry))
+        return;
     if (!target.startsWith(idPrefix)) {
         fault(line, QStringLiteral("unknown-alias"),
               QStringLiteral("\"%1\" in action entry \"%2\" is neither a module identifier "
