@@ -867,9 +867,12 @@ void ConfigChecker::Private::checkConnections()
         } else {
             checkConnection(c);
         }
+        // The graph shows the entry already: its label keeps only what is wrong.
+        static const QRegularExpression entryPrefix(
+            QStringLiteral("^(connection|action entry|options synchroniser) \"[^\"]*\": "));
         for (int i = before; i < findings.size() && c.problem.isEmpty(); ++i) {
             if (findings.at(i).severity == Finding::Error)
-                c.problem = findings.at(i).text;
+                c.problem = QString(findings.at(i).text).remove(entryPrefix);
         }
         connections.append(c);
     }
