@@ -96,8 +96,13 @@ int distance(const QString &a, const QString &b)
 QString closest(const QString &word, const QStringList &candidates)
 {
     QString best;
+    // Nobody mistypes a name of that length; the bound keeps the quadratic distance cheap.
+    if (word.size() > 64)
+        return best;
     int bestDistance = std::max(2, int(word.size()) / 3) + 1;
     for (const QString &candidate : candidates) {
+        if (candidate.size() > 64)
+            continue;
         const int d = distance(word, candidate);
         if (d < bestDistance) {
             best = candidate;
