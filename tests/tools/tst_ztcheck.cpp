@@ -343,6 +343,12 @@ void tst_ZtCheck::brokenFiles_data()
         "stray-line", "neither [group], key=value nor a ';' comment");
     row("connection key set twice", line32, line32 + QLatin1Char('\n') + line32, 33, false,
         "duplicate-key", "\"connections/02\" is set again; the value on line 32 is lost");
+    row("misspelt widget key", "plot\\ismainlayout=true",
+        "plot\\ismainlayout=true\nplot\\wmian=Plot", 21, false, "unknown-widget-key",
+        "\"wmian\" in [widgets] is not a widget setting; nothing reads it (did you mean "
+        "\"wmain\"?)");
+    row("flag that is not true or false", "plot\\ismainlayout=true", "plot\\ismainlayout=no", 20,
+        false, "bad-bool", "ismainlayout is \"no\", which reads as true");
     row("menu that is not listed", "mwMenus\\file\\01=plot,quit",
         "mwMenus\\file\\01=plot,quit\nmwMenus\\edit\\01=plot,quit", 28, false, "unlisted-menu",
         "menu \"edit\" has actions but is not listed");
@@ -464,6 +470,18 @@ void tst_ZtCheck::withModules_data()
         "unknown-option",
         "module 1 (gain) has no option \"ofset\"; the kernel stores it but the module never "
         "reads it (did you mean \"offset\"?)");
+    row("option neither end of a synchroniser has", line33,
+        connection("03",
+                   "gain;signal_sendOptions(ModuleOptions);plot;slot_recvOptions(ModuleOptions);"
+                   "gain,ofset"),
+        33, false, "unknown-option",
+        "module 1 (gain) has no option \"ofset\", and module 2 (plot) has no option "
+        "\"ofset\" (did you mean \"offset\"?)");
+    row("renaming list too short", line33,
+        connection("03",
+                   "gen;signal_sendOptions(ModuleOptions);plot;slot_recvOptions(ModuleOptions);"
+                   "waveform,frequency;genwaveform"),
+        33, true, "field-count", "renames 2 options to 1 names; it passes no options at all");
     row("text for an action the module lacks", "plot\\.name=Plot",
         "plot\\.name=Plot\nplot\\qiut.actname=Quit", 18, false, "unknown-action",
         "\"qiut.actname\" is a text for action \"qiut\"");

@@ -295,6 +295,7 @@ public:
     void checkSlot(int id, const QString &field, int line, const QString &entry);
     bool checkPropagator(int id, const QString &name, bool feedback, int line,
                          const QString &entry);
+    void checkSyncNames(const CheckedConnection &c, const QStringList &fields);
     void checkOptions();
 };
 
@@ -655,6 +656,40 @@ void ConfigChecker::Private::loadModule(int id, Module &m)
 void ConfigChecker::Private::checkWidgets()
 {
     checkModuleGroups(QStringLiteral("widgets"));
+    // The keys the kernel and the host read for a module's widgets; anything else is never read.
+    static const QStringList keys {QStringLiteral("wmain"),
+                                   QStringLiteral("wmainobjname"),
+                                   QStringLiteral("woptions"),
+                                   QStringLiteral("actnamewoptions"),
+                                   QStringLiteral("woptionsstatustip"),
+                                   QStringLiteral("ismainlayout"),
+                                   QStringLiteral("woptionsdialog")};
+    static const QStringList flags {QStringLiteral("ismainlayout"),
+                                    QStringLiteral("woptionsdialog")};
+    static const QStringList bools {QStringLiteral("true"), QStringLiteral("false"),
+                                    QStringLiteral("1"), QStringLiteral("0")};
+    const QStringList groups = childGroups(QStringLiteral("widgets"));
+    for (const QString &group : groups) {
+        const auto entries = sortedEntries({QStringLiteral("widgets"), group});
+        for (const auto &entry : entries) {
+            const int line = ini.lineOf(QStringLiteral("widgets/%1/%2").arg(group, entry.first));
+            if (!keys.contains(entry.first)) {
+                warning(line, QStringLiteral("unknown-widget-key"),
+                        QStringLiteral("\"%1\" in [widgets] is not a widget setting; nothing "
+                                       "reads it")
+                            .arg(entry.first),
+                        didYouMean(entry.first, keys));
+            } else if (flags.contains(entry.first)
+                       && !bools.contains(entry.second.trimmed().toLower())) {
+                const bool reads = QVariant(entry.second).toBool();
+                warning(line, QStringLiteral("bad-bool"),
+                        QStringLiteral("%1 is \"%2\", which reads as %3")
+                            .arg(entry.first, entry.second,
+                                 reads ? QStringLiteral("true") : QStringLiteral("false")),
+                        QStringLiteral("write true or false"));
+            }
+        }
+    }
     int first = -1;
     for (int id = 0; id < loadedCount; ++id) {
         if (!settings->isModuleMainLayout(id))
@@ -994,12 +1029,15 @@ void ConfigChecker::Private::checkConnection(CheckedConnection &c)
             c.kind = CheckedConnection::Options;
             c.label = fields.size() > 4 ? fields.mid(4).join(QStringLiteral(" -> "))
                                         : QStringLiteral("all options");
-            if (fields.size() > 6)
+            if (fields.size() > 6) {
                 fault(line, QStringLiteral("field-count"),
                       QStringLiteral("options synchroniser \"%1\" has %2 fields; it takes 4 "
                                      "(all options), 5 (a list) or 6 (a list renamed to another)")
                           .arg(c.entry)
                           .arg(fields.size()));
+                return;
+            }
+            checkSyncNames(c, fields);
             return;
         }
         c.kind = CheckedConnection::Plain;
@@ -1228,6 +1266,56 @@ void ConfigChecker::Private::checkAction(CheckedConnection &c, const QStringList
               QStringLiteral("action entry \"%1\": an action starts a slot taking (), "
                              "(QVariantList) or (QByteArray), not %2")
                   .arg(c.entry, QString::fromLatin1(signature)));
+}
+
+// The option names an options synchroniser passes: the source's names must be options the
+// source announces, the target's names options the target takes; a renaming list needs a target
+// name for every source name.
+void ConfigChecker::Private::checkSyncNames(const CheckedConnection &c, const QStringList &fields)
+{
+    if (fields.size() < 5)
+        return;
+    const QStringList sources = fields.at(4).split(QLatin1Char(','));
+    const QStringList targets = fields.size() == 6 ? fields.at(5).split(QLatin1Char(',')) : sources;
+    if (targets.size() < sources.size()) {
+        fault(c.line, QStringLiteral("field-count"),
+              QStringLiteral("options synchroniser \"%1\" renames %2 options to %3 names; it "
+                             "passes no options at all")
+                  .arg(c.entry)
+                  .arg(sources.size())
+                  .arg(targets.size()),
+              QStringLiteral("give a target name for every source name"));
+        return;
+    }
+    // One warning per name, naming every end that lacks it.
+    const auto declared = [this](int id) {
+        ZtMIFound *object = this->object(id);
+        QStringList names = object ? object->getOptions()->keys() : QStringList();
+        names.removeAll(QStringLiteral(".name"));
+        return names;
+    };
+    const QStringList fromOptions = declared(c.from);
+    const QStringList toOptions = declared(c.to);
+    for (int i = 0; i < sources.size(); ++i) {
+        QStringList lacking;
+        QString hint;
+        if (object(c.from) && !fromOptions.contains(sources.at(i))) {
+            lacking.append(
+                QStringLiteral("%1 has no option \"%2\"").arg(describe(c.from), sources.at(i)));
+            hint = didYouMean(sources.at(i), fromOptions);
+        }
+        if (object(c.to) && !toOptions.contains(targets.at(i))) {
+            lacking.append(
+                QStringLiteral("%1 has no option \"%2\"").arg(describe(c.to), targets.at(i)));
+            if (hint.isEmpty())
+                hint = didYouMean(targets.at(i), toOptions);
+        }
+        if (!lacking.isEmpty())
+            warning(c.line, QStringLiteral("unknown-option"),
+                    QStringLiteral("options synchroniser \"%1\": %2")
+                        .arg(c.entry, lacking.join(QStringLiteral(", and "))),
+                    hint);
+    }
 }
 
 // Every key of a module's group against the options the module declares. The kernel stores
