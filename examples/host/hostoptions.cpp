@@ -74,8 +74,14 @@ HostOptions HostOptions::parse(const QCoreApplication &app)
     const QCommandLineOption profileOption(
         QStringLiteral("profile"),
         QCoreApplication::translate("zthost", "Print the start-up phases and their times."));
+    const QCommandLineOption checkOption(
+        QStringLiteral("check"),
+        QCoreApplication::translate("zthost", "Check the settings file against the module "
+                                              "libraries, print the findings and exit without "
+                                              "starting the modules."));
     parser.addOptions({localeOption, translationsOption, stateOption, quitOption, screenshotOption,
-                       setOption, systemOption, systemShotOption, systemTextOption, profileOption});
+                       setOption, systemOption, systemShotOption, systemTextOption, profileOption,
+                       checkOption});
     parser.process(app);
 
     HostOptions result;
@@ -106,6 +112,7 @@ HostOptions HostOptions::parse(const QCoreApplication &app)
     result.systemScreenshotFile = parser.value(systemShotOption);
     result.systemTextFile = parser.value(systemTextOption);
     result.profile = parser.isSet(profileOption);
+    result.check = parser.isSet(checkOption);
     if (parser.isSet(quitOption)) {
         bool ok = false;
         result.quitAfter = parser.value(quitOption).toDouble(&ok);

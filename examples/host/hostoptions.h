@@ -30,4 +30,6 @@ public:
     QString systemTextFile;
     // Print the kernel's start-up phases and their times once started.
     bool profile = false;
+    // Check the settings file as ztcheck does, print the findings and exit.
+    bool check = false;
 };

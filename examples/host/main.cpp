@@ -2,8 +2,10 @@
 #include "mainwindow.h"
 
 #include <ztbacktrace.h>
+#include <ztcheck.h>
 
 #include <QApplication>
+#include <QTextStream>
 
 // zthost: runs a ZtCore system from its settings file. Without a display it runs on Qt's
 // offscreen platform, so it also works on a headless machine (log lines go to standard output).
@@ -18,6 +20,13 @@ int main(int argc, char *argv[])
     QApplication::setApplicationName(QStringLiteral("zthost"));
     QApplication::setOrganizationName(QStringLiteral("ZtCore"));
     const HostOptions options = HostOptions::parse(app);
+    if (options.check) {
+        QTextStream out(stdout);
+        QTextStream err(stderr);
+        return ztcheck::run({ QStringLiteral("--modules"), options.modulesDir,
+                              options.settingsFile },
+                            out, err);
+    }
 
     MainWindow window(options);
     window.start();

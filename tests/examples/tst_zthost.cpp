@@ -42,6 +42,7 @@ private slots:
     void restoresOptionsChangedBeforeQuit();
     void germanKernelMessages();
     void refusesMissingSettingsFile();
+    void checksWithoutStarting();
 
 private:
     // Runs zthost to the end in the subfolder `name` of the work folder, with its state file
@@ -222,6 +223,26 @@ void tst_ZtHost::refusesMissingSettingsFile()
     const ZtHostRun missing = run("missing", "en", {work.filePath("missing.ini")});
     QCOMPARE(missing.exitCode, 2);
     QVERIFY2(missing.err.contains("missing.ini not found"), qPrintable(missing.report()));
+}
+
+// --check prints what ztcheck would and starts nothing: the demo is clean, a misspelt library is
+// found at its line with the closest name.
+void tst_ZtHost::checksWithoutStarting()
+{
+    const ZtHostRun demo = run("check-demo", "en", {"--check"});
+    QCOMPARE(demo.exitCode, 0);
+    QCOMPARE(demo.out, QString());
+
+    const QString broken = work.filePath("broken.ini");
+    QFile file(broken);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write("[modules]\n; the generator\nid_0\\.name=SignalGeneratr\n");
+    file.close();
+    const ZtHostRun bad = run("check-broken", "en", {"--check", broken});
+    QCOMPARE(bad.exitCode, 1);
+    QVERIFY2(bad.out.startsWith(broken + ":3: error: library \"SignalGeneratr\""),
+             qPrintable(bad.report()));
+    QVERIFY2(bad.out.contains("did you mean \"SignalGenerator\""), qPrintable(bad.report()));
 }
 
 QTEST_GUILESS_MAIN(tst_ZtHost)

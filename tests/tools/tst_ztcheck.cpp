@@ -642,7 +642,7 @@ void tst_ZtCheck::graphOfTheDemo()
     }
     QCOMPARE(nodes,
              (QSet<QString> {"m0 gen\\n#0 SignalGenerator", "m1 gain\\n#1 Processing",
-                             "m2 plot\\n#2 Plot", "m3 poller\\n#3 Poller",
+                             "m2 plot\\n#2 Plotter", "m3 poller\\n#3 Poller",
                              "m4 device\\n#4 RegisterDevice", "m5 shift\\n#5 Processing",
                              "m6 monitor\\n#6 Processing"}));
     QSet<QString> edges;

@@ -297,6 +297,7 @@ public:
                          const QString &entry);
     void checkSyncNames(const CheckedConnection &c, const QStringList &fields);
     void checkOptions();
+    QStringList takenOptions(int id);
 };
 
 ConfigChecker::ConfigChecker(const QString &fileName, const QString &modulesDir)
@@ -1268,6 +1269,25 @@ void ConfigChecker::Private::checkAction(CheckedConnection &c, const QStringList
                   .arg(c.entry, QString::fromLatin1(signature)));
 }
 
+// The options module `id` holds once the kernel has loaded it: those it declares and those its
+// settings give it (the kernel stores every configured key in the module's table, so a
+// synchroniser reaches them too).
+QStringList ConfigChecker::Private::takenOptions(int id)
+{
+    ZtMIFound *object = this->object(id);
+    if (!object)
+        return {};
+    QStringList names = object->getOptions()->keys();
+    QHash<QString, QVariant> configured;
+    settings->readModuleSetting(id, &configured);
+    for (auto it = configured.cbegin(); it != configured.cend(); ++it) {
+        if (!it.key().startsWith(QLatin1Char('.')) && !names.contains(it.key()))
+            names.append(it.key());
+    }
+    names.removeAll(QStringLiteral(".name"));
+    return names;
+}
+
 // The option names an options synchroniser passes: the source's names must be options the
 // source announces, the target's names options the target takes; a renaming list needs a target
 // name for every source name.
@@ -1288,14 +1308,8 @@ void ConfigChecker::Private::checkSyncNames(const CheckedConnection &c, const QS
         return;
     }
     // One warning per name, naming every end that lacks it.
-    const auto declared = [this](int id) {
-        ZtMIFound *object = this->object(id);
-        QStringList names = object ? object->getOptions()->keys() : QStringList();
-        names.removeAll(QStringLiteral(".name"));
-        return names;
-    };
-    const QStringList fromOptions = declared(c.from);
-    const QStringList toOptions = declared(c.to);
+    const QStringList fromOptions = takenOptions(c.from);
+    const QStringList toOptions = takenOptions(c.to);
     for (int i = 0; i < sources.size(); ++i) {
         QStringList lacking;
         QString hint;
@@ -1332,6 +1346,17 @@ void ConfigChecker::Private::checkOptions()
         QHash<QString, QVariant> configured;
         settings->readModuleSetting(id, &configured);
         const QHash<QString, QVariant> *declared = object->getOptions();
+        // Template fields: a key named as "{key}" in another of the module's text values (a
+        // caption such as "gain {gain}") is read through that template.
+        static const QRegularExpression field(QStringLiteral("\\{([A-Za-z_][A-Za-z0-9_]*)\\}"));
+        QSet<QString> fields;
+        for (auto it = configured.cbegin(); it != configured.cend(); ++it) {
+            if (it.value().type() != QVariant::String)
+                continue;
+            auto matches = field.globalMatch(it.value().toString());
+            while (matches.hasNext())
+                fields.insert(matches.next().captured(1));
+        }
         const QStringList actions = object->getActions()->keys();
         QStringList keys = configured.keys();
         std::sort(keys.begin(), keys.end());
@@ -1349,7 +1374,7 @@ void ConfigChecker::Private::checkOptions()
                             didYouMean(text.captured(1), actions));
                 continue;
             }
-            if (declared->contains(key))
+            if (declared->contains(key) || fields.contains(key))
                 continue;
             QStringList names = declared->keys();
             names.removeAll(QStringLiteral(".name"));
