@@ -1,4 +1,5 @@
 #include "debuglines.h"
+#include "tsanhandoff_p.h"
 
 #include <threadlauncher.h>
 
@@ -41,13 +42,10 @@ static long systemIdOf(QThread *thread)
     QAtomicInteger<long> tid;
     auto *inThread = new QObject;
     inThread->moveToThread(thread);
-    QMetaObject::invokeMethod(
-        inThread,
-        [&tid, inThread] {
-            tid.storeRelease(static_cast<long>(syscall(SYS_gettid)));
-            inThread->deleteLater();
-        },
-        Qt::QueuedConnection);
+    postQueuedCall(inThread, [&tid, inThread] {
+        tid.storeRelease(static_cast<long>(syscall(SYS_gettid)));
+        inThread->deleteLater();
+    });
     // A hang guard only.
     for (int i = 0; i < 10000 && tid.loadAcquire() == 0; ++i)
         QThread::msleep(1);
@@ -78,22 +76,16 @@ static int stuckChild()
     launcher->setThreadModules(1, {"gen", "gain"});
     launcher->setThreadModules(2, {"plot"});
     QAtomicInt entered;
-    QMetaObject::invokeMethod(
-        &sleeper,
-        [&entered] {
-            entered.fetchAndAddRelease(1);
-            for (;;)
-                QThread::msleep(5);
-        },
-        Qt::QueuedConnection);
+    postQueuedCall(&sleeper, [&entered] {
+        entered.fetchAndAddRelease(1);
+        for (;;)
+            QThread::msleep(5);
+    });
     static volatile bool spin = true;
-    QMetaObject::invokeMethod(
-        &spinner,
-        [&entered] {
-            entered.fetchAndAddRelease(1);
-            while (spin) { }
-        },
-        Qt::QueuedConnection);
+    postQueuedCall(&spinner, [&entered] {
+        entered.fetchAndAddRelease(1);
+        while (spin) { }
+    });
     while (entered.loadAcquire() != 2)
         QThread::yieldCurrentThread();
     delete launcher;

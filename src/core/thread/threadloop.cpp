@@ -4,7 +4,6 @@
 #include "tsanhandoff_p.h"
 
 #include <QByteArray>
-#include <QMutexLocker>
 
 #ifdef _WIN32
 #include <windows.h>
@@ -56,18 +55,17 @@ ThreadLoop::ThreadLoop(QObject *parent)
 void ThreadLoop::setThreadName(const QString &name)
 {
     setObjectName(name);
-    QMutexLocker locker(&nameLock);
+    std::lock_guard<std::mutex> locker(nameLock);
     osName = name;
     if (anchor)
-        QMetaObject::invokeMethod(
-            anchor, [this] { applyOsName(); }, Qt::QueuedConnection);
+        postQueuedCall(anchor, [this] { applyOsName(); });
 }
 
 void ThreadLoop::applyOsName()
 {
     QString name;
     {
-        QMutexLocker locker(&nameLock);
+        std::lock_guard<std::mutex> locker(nameLock);
         name = osName;
     }
     if (!name.isEmpty())
@@ -87,12 +85,12 @@ void ThreadLoop::run()
             ThreadLoop *loop;
             ~AnchorGuard()
             {
-                QMutexLocker locker(&loop->nameLock);
+                std::lock_guard<std::mutex> locker(loop->nameLock);
                 loop->anchor = nullptr;
             }
         } guard {this};
         {
-            QMutexLocker locker(&nameLock);
+            std::lock_guard<std::mutex> locker(nameLock);
             anchor = &inThread;
         }
         applyOsName(); // a name given before the thread started

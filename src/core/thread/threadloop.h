@@ -2,9 +2,10 @@
 
 #include "ztcore_export.h"
 
-#include <QMutex>
 #include <QString>
 #include <QThread>
+
+#include <mutex>
 
 // A worker thread that announces itself (launch) from inside the new thread and then runs an
 // event loop, so that objects moved to it receive queued calls.
@@ -33,7 +34,7 @@ private:
 
     // Guards the two below; the anchor pointer is cleared under it before the anchor goes, so a
     // call posted under it never reaches a dead object.
-    QMutex nameLock;
+    std::mutex nameLock; // a lock the thread sanitizer sees, unlike QMutex in an uninstrumented Qt
     QString osName;
     QObject *anchor = nullptr; // lives in this thread while its loop runs
 };
