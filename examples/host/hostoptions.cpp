@@ -76,9 +76,10 @@ HostOptions HostOptions::parse(const QCoreApplication &app)
         QCoreApplication::translate("zthost", "Print the start-up phases and their times."));
     const QCommandLineOption checkOption(
         QStringLiteral("check"),
-        QCoreApplication::translate("zthost", "Check the settings file against the module "
-                                              "libraries, print the findings and exit without "
-                                              "starting the modules."));
+        QCoreApplication::translate("zthost",
+                                    "Check the settings file against the module "
+                                    "libraries, print the findings and exit without "
+                                    "starting the modules."));
     parser.addOptions({localeOption, translationsOption, stateOption, quitOption, screenshotOption,
                        setOption, systemOption, systemShotOption, systemTextOption, profileOption,
                        checkOption});

@@ -23,8 +23,7 @@ int main(int argc, char *argv[])
     if (options.check) {
         QTextStream out(stdout);
         QTextStream err(stderr);
-        return ztcheck::run({ QStringLiteral("--modules"), options.modulesDir,
-                              options.settingsFile },
+        return ztcheck::run({QStringLiteral("--modules"), options.modulesDir, options.settingsFile},
                             out, err);
     }
 
