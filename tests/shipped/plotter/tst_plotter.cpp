@@ -111,9 +111,9 @@ private slots:
     void curvesFromBothInputs();
     void roundTicksWhateverTheRange_data();
     void roundTicksWhateverTheRange();
-    void pauseFreezesAndResumeCatchesUp();
     void legendTogglesCurve();
-    void zoomLeavesLiveViewUntilZoomedBack();
+    void leaveAndReturnToLiveView_data();
+    void leaveAndReturnToLiveView();
 
 private:
     // options: name, value pairs, as the settings file would set them before start.
@@ -232,34 +232,6 @@ void tst_Plotter::roundTicksWhateverTheRange()
     QVERIFY(y.lowerBound() <= v->minYValue() && y.upperBound() >= v->maxYValue());
 }
 
-void tst_Plotter::pauseFreezesAndResumeCatchesUp()
-{
-    Rig rig;
-    make(rig, {"span", 100.0});
-    const auto flat = [](int) { return 1.0; };
-    rig.process(block({curve("a", QPen(Qt::red), 100, 0.0, 0.1, flat)}));
-    rig.refresh();
-    QCOMPARE(rig.curve("a")->dataSize(), size_t(100));
-    const QwtInterval before = rig.xRange();
-
-    QAction *pause = rig.module->getActions()->value("pause");
-    QVERIFY(pause && pause->isCheckable());
-    pause->trigger();
-    rig.process(block({curve("a", QPen(Qt::red), 100, 10.0, 0.1, flat),
-                       curve("new", QPen(Qt::blue), 10, 10.0, 0.1, flat)}));
-    rig.refresh();
-    QCOMPARE(rig.curve("a")->dataSize(), size_t(100));
-    QVERIFY(!rig.curve("new"));
-    QCOMPARE(rig.xRange(), before);
-
-    // Resuming shows at once what came in meanwhile, without waiting for the timer.
-    pause->trigger();
-    QVERIFY(!pause->isChecked());
-    QCOMPARE(rig.curve("a")->dataSize(), size_t(200));
-    QVERIFY(rig.curve("new"));
-    QCOMPARE(rig.xRange().maxValue(), 10.0 + 99 * 0.1);
-}
-
 void tst_Plotter::legendTogglesCurve()
 {
     Rig rig;
@@ -286,28 +258,52 @@ void tst_Plotter::legendTogglesCurve()
     QCOMPARE(rig.module->getOption("hidden").toString(), QString("c"));
 }
 
-void tst_Plotter::zoomLeavesLiveViewUntilZoomedBack()
+// Pausing freezes the curves and the view; zooming keeps taking data but holds the view. Either
+// way, going back (resume, zoom out to the base) shows at once everything that came meanwhile,
+// in the live view at the newest point.
+void tst_Plotter::leaveAndReturnToLiveView_data()
 {
+    QTest::addColumn<bool>("zoom");
+    QTest::newRow("pause") << false;
+    QTest::newRow("zoom") << true;
+}
+
+void tst_Plotter::leaveAndReturnToLiveView()
+{
+    QFETCH(bool, zoom);
     Rig rig;
     make(rig, {"span", 100.0});
-    const auto wave = [](int i) { return std::sin(i * 0.1); };
-    rig.process(block({curve("a", QPen(Qt::red), 100, 0.0, 0.1, wave)}));
+    const auto flat = [](int) { return 1.0; };
+    rig.process(block({curve("a", QPen(Qt::red), 100, 0.0, 0.1, flat)}));
     rig.refresh();
+    QAction *pause = rig.module->getActions()->value("pause");
     auto *zoomer = rig.plot->findChild<QwtPlotZoomer *>();
-    QVERIFY(zoomer);
+    QVERIFY(pause && pause->isCheckable() && zoomer);
 
-    zoomer->zoom(QRectF(2.0, -0.5, 3.0, 1.0));
-    QCOMPARE(rig.xRange(), QwtInterval(2.0, 5.0));
-    // New data shows in the curve but does not move the zoomed view.
-    rig.process(block({curve("a", QPen(Qt::red), 50, 10.0, 0.1, wave)}));
+    if (zoom) {
+        zoomer->zoom(QRectF(2.0, -0.5, 3.0, 1.0));
+        QCOMPARE(rig.xRange(), QwtInterval(2.0, 5.0));
+    } else {
+        pause->trigger();
+    }
+    const QwtInterval frozen = rig.xRange();
+    rig.process(block({curve("a", QPen(Qt::red), 50, 10.0, 0.1, flat),
+                       curve("new", QPen(Qt::blue), 10, 10.0, 0.1, flat)}));
     rig.refresh();
-    QCOMPARE(rig.curve("a")->dataSize(), size_t(150));
-    QCOMPARE(rig.xRange(), QwtInterval(2.0, 5.0));
+    QCOMPARE(rig.curve("a")->dataSize(), size_t(zoom ? 150 : 100));
+    QCOMPARE(rig.curve("new") != nullptr, zoom);
+    QCOMPARE(rig.xRange(), frozen);
 
-    // Zooming back out to the base returns to the live view, at the newest point.
-    zoomer->zoom(-1);
+    if (zoom) {
+        zoomer->zoom(-1);
+    } else {
+        pause->trigger();
+        QVERIFY(!pause->isChecked());
+    }
+    QCOMPARE(rig.curve("a")->dataSize(), size_t(150));
+    QVERIFY(rig.curve("new"));
     QCOMPARE(rig.xRange().maxValue(), 10.0 + 49 * 0.1);
-    rig.process(block({curve("a", QPen(Qt::red), 10, 15.0, 0.1, wave)}));
+    rig.process(block({curve("a", QPen(Qt::red), 10, 15.0, 0.1, flat)}));
     rig.refresh();
     QCOMPARE(rig.xRange().maxValue(), 15.0 + 9 * 0.1);
 }
