@@ -31,7 +31,6 @@ private slots:
     void elementsAndConnections();
     void beginGroupModuleAuto_data();
     void beginGroupModuleAuto();
-    void exampleFile();
     void damagedValue_data();
     void damagedValue();
     void soundVariantsKept();
@@ -241,25 +240,6 @@ void tst_SysSettings::beginGroupModuleAuto()
     QTEST(settings.group(), "expected");
     settings.endGroup();
     QCOMPARE(settings.group(), outer);
-}
-
-void tst_SysSettings::exampleFile()
-{
-    SysSettings settings(QStringLiteral(ZT_EXAMPLE_INI));
-    QCOMPARE(settings.status(), QSettings::NoError);
-    QVERIFY(settings.damagedValues().isEmpty());
-    QCOMPARE(settings.getTitle(), "Measuring rig - Bench 1");
-    // The kernel loads modules 0, 1, ... up to the first without a name.
-    const QStringList names {"Generator", "Filter", "Plot", "Store", "Panel"};
-    const QList<int> threads {0, 1, -1, 1, -1};
-    for (int id = 0; id < names.size(); ++id) {
-        QCOMPARE(settings.readModuleName(id), names.at(id));
-        QCOMPARE(settings.readModuleThread(id), threads.at(id));
-    }
-    QVERIFY(!settings.isModuleNameContains(names.size()));
-    const QStringList connections = settings.readConnections();
-    QCOMPARE(connections.size(), 14);
-    QCOMPARE(connections.last(), "actid_4,stay;actcancelquit");
 }
 
 // One damaged value on line 3 of an otherwise sound file: it reads as absent, is reported with
