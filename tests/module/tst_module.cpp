@@ -142,7 +142,6 @@ void tst_Module::optionChanges_data()
 
     QTest::newRow("recv: known and unknown")
         << "recv" << hash({{"gain", 7}, {"foreign", 1}}) << declared({{"gain", 7}});
-    QTest::newRow("recv: empty") << "recv" << hash({}) << declared();
     QTest::newRow("recv: own entry holds no value") << "recv" << hash({{"blank", 3}}) << declared();
     QTest::newRow("recv: invalid value overwrites")
         << "recv" << hash({{"mode", QVariant()}}) << declared({{"mode", QVariant()}});
