@@ -314,6 +314,8 @@ void tst_ZtCheck::findings_data()
     row("menu that is not listed", "mwMenus\\file\\01=plot,quit",
         "mwMenus\\file\\01=plot,quit\nmwMenus\\edit\\01=plot,quit", 28, false, "unlisted-menu",
         "menu \"edit\" has actions but is not listed");
+
+    // What only the modules' own declarations tell.
     modules = QStringLiteral("examples");
     row("misspelt library", "gen\\.name=SignalGenerator", "gen\\.name=SignalGeneratr", 13, true,
         "missing-library", "(did you mean \"SignalGenerator\"?)");
@@ -341,6 +343,7 @@ void tst_ZtCheck::findings_data()
         "unknown-option",
         "module 1 (gain) has no option \"ofset\"; the kernel stores it but the module never "
         "reads it (did you mean \"offset\"?)");
+
     row("unknown module kind", "ext\\.name=testextended", "ext\\.name=testunknown", 7, true,
         "unknown-kind", "makes modules of the unknown kind \"ZtMIMystery\"", fixtures);
     row("not a module library", "ext\\.name=testextended", "ext\\.name=testforeign", 7, true,
