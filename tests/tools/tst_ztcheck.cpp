@@ -348,10 +348,6 @@ void tst_ZtCheck::findings_data()
         "unknown-kind", "makes modules of the unknown kind \"ZtMIMystery\"", fixtures);
     row("not a module library", "ext\\.name=testextended", "ext\\.name=testforeign", 7, true,
         "bad-library", "it does not implement Zantor.ZtLibLevelInterface/1.2", fixtures);
-    row("undeclared feedback propagator", "srv;regs;feedback", "srv;reg;feedback", 12, true,
-        "unknown-propagator",
-        "module 2 (srv) declares no feedback propagator \"reg\" (did you mean \"regs\"?)",
-        fixtures);
     row("GUI module on a worker thread", "src\\.name=teststream",
         "src\\.name=testguithread\nsrc\\.thread=2", 7, false, "gui-thread-module",
         "module 0 (src) needs the GUI thread; .thread=2 is ignored", fixtures);
