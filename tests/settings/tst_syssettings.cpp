@@ -31,7 +31,6 @@ private slots:
     void elementsAndConnections();
     void beginGroupModuleAuto_data();
     void beginGroupModuleAuto();
-    void exampleFile();
     void damagedValue_data();
     void damagedValue();
     void soundVariantsKept();
@@ -243,33 +242,13 @@ void tst_SysSettings::beginGroupModuleAuto()
     QCOMPARE(settings.group(), outer);
 }
 
-void tst_SysSettings::exampleFile()
-{
-    SysSettings settings(QStringLiteral(ZT_EXAMPLE_INI));
-    QCOMPARE(settings.status(), QSettings::NoError);
-    QVERIFY(settings.damagedValues().isEmpty());
-    QCOMPARE(settings.getTitle(), "Measuring rig - Bench 1");
-    // The kernel loads modules 0, 1, ... up to the first without a name.
-    const QStringList names {"Generator", "Filter", "Plot", "Store", "Panel"};
-    const QList<int> threads {0, 1, -1, 1, -1};
-    for (int id = 0; id < names.size(); ++id) {
-        QCOMPARE(settings.readModuleName(id), names.at(id));
-        QCOMPARE(settings.readModuleThread(id), threads.at(id));
-    }
-    QVERIFY(!settings.isModuleNameContains(names.size()));
-    const QStringList connections = settings.readConnections();
-    QCOMPARE(connections.size(), 14);
-    QCOMPARE(connections.last(), "actid_4,stay;actcancelquit");
-}
-
 // One damaged value on line 3 of an otherwise sound file: it reads as absent, is reported with
-// its file and line, and every other value still reads.
+// its file and line, and every other value still reads. A list type given by name is in the
+// kernel's loading test.
 void tst_SysSettings::damagedValue_data()
 {
     QTest::addColumn<QByteArray>("value");
 
-    QTest::newRow("list count past the end (type by name)")
-        << QByteArray("@Variant(\\0\\0\\0\\x7f\\0\\0\\0\\x10QVariantList)ntList)");
     QTest::newRow("list count past the end")
         << QByteArray("@Variant(\\0\\0\\0\\t\\x7f\\xff\\xff\\xff)");
     QTest::newRow("string length past the end")

@@ -10,15 +10,46 @@ class NetCheck : public ZtMIStream
     Q_OBJECT
 
 public:
-    explicit NetCheck(int id, QObject *parent = nullptr);
+    using ZtMIStream::ZtMIStream;
 
 public slots:
-    bool init() override;
-    void final() override;
-    void StartProcessing(QVariantList data) override;
+    bool init() override
+    {
+        timer = new QTimer(this);
+        connect(timer, &QTimer::timeout, this, &NetCheck::report);
+        timer->start(200);
+        return true;
+    }
+    void final() override
+    {
+        delete timer;
+        timer = nullptr;
+    }
+    void StartProcessing(QVariantList data) override
+    {
+        const qint64 n = data.value(0).toLongLong();
+        ++received;
+        // A lower number than the last one opens a new run (a restarted source); equal or lower
+        // without that is disorder only within one run.
+        if (n <= last && n > 0 && last - n < 1000)
+            ++disorder;
+        else if (n <= last || last < 0)
+            emit state(QString("run from %1").arg(n), Logger::Info);
+        last = n;
+    }
 
 private:
-    void report();
+    void report()
+    {
+        if (received == reported)
+            return;
+        reported = received;
+        emit state(QString("received %1 lists, %2 out of order, last %3")
+                       .arg(received)
+                       .arg(disorder)
+                       .arg(last),
+                   Logger::Info);
+    }
 
     QTimer *timer = nullptr;
     qint64 received = 0;
@@ -26,49 +57,6 @@ private:
     qint64 last = -1;
     qint64 disorder = 0;
 };
-
-NetCheck::NetCheck(int id, QObject *parent)
-    : ZtMIStream(id, parent)
-{ }
-
-bool NetCheck::init()
-{
-    timer = new QTimer(this);
-    connect(timer, &QTimer::timeout, this, &NetCheck::report);
-    timer->start(200);
-    return true;
-}
-
-void NetCheck::final()
-{
-    delete timer;
-    timer = nullptr;
-}
-
-void NetCheck::StartProcessing(QVariantList data)
-{
-    const qint64 n = data.value(0).toLongLong();
-    ++received;
-    // A lower number than the last one opens a new run (a restarted source); equal or lower
-    // without that is disorder only within one run.
-    if (n <= last && n > 0 && last - n < 1000)
-        ++disorder;
-    else if (n <= last || last < 0)
-        emit state(QString("run from %1").arg(n), Logger::Info);
-    last = n;
-}
-
-void NetCheck::report()
-{
-    if (received == reported)
-        return;
-    reported = received;
-    emit state(QString("received %1 lists, %2 out of order, last %3")
-                   .arg(received)
-                   .arg(disorder)
-                   .arg(last),
-               Logger::Info);
-}
 
 class NetCheckLibrary : public ZtModuleLibrary<NetCheck>
 {
