@@ -782,7 +782,6 @@ void tst_Propagator::blockedProducerReleased()
     // The producer fills the queue and waits: nothing but the row's event can release it.
     QTRY_COMPARE_WITH_TIMEOUT(p->stats().pending, qint64(Limit), Patience);
     QVERIFY(!thread->isFinished());
-    QVERIFY(p->stats().pendingHigh >= Limit);
 
     if (closing) {
         channel->close();
@@ -800,6 +799,7 @@ void tst_Propagator::blockedProducerReleased()
         const ChannelStats s = p->stats();
         QCOMPARE(s.lists + s.dropped, quint64(Lists));
     }
+    QVERIFY(p->stats().pendingHigh >= Limit); // the full queue was seen
 }
 
 void tst_Propagator::batchedChannelsKeepEveryListInOrder()
