@@ -42,6 +42,21 @@ QString screenLine(const QString &source, const QString &text)
         + QRegularExpression::escape(source + QStringLiteral(": ") + text);
 }
 
+// The entries of a log file without their time stamps and the padding after the source:
+// "(II) source: text".
+QStringList fileEntries(const QString &path)
+{
+    QFile log(path);
+    QStringList result;
+    for (QString line : QString::fromUtf8(log.open(QIODevice::ReadOnly) ? log.readAll() : "")
+                            .split(QLatin1Char('\n'))) {
+        if (line.startsWith(QLatin1Char('(')))
+            result.append(
+                line.remove(QRegularExpression(QStringLiteral(" \\d\\d \\S+ [\\d:]{8}| {3}"))));
+    }
+    return result;
+}
+
 bool matches(const QString &subject, const QString &pattern)
 {
     if (QRegularExpression(QRegularExpression::anchoredPattern(pattern)).match(subject).hasMatch())
@@ -436,18 +451,12 @@ void tst_Logger::flood()
     }
 
     logger.reset();
-    QFile log(dir->filePath(QStringLiteral("zt.log")));
-    QVERIFY(log.open(QIODevice::ReadOnly));
-    QStringList written = QString::fromUtf8(log.readAll()).split(QLatin1Char('\n'));
-    written = written.filter(QRegularExpression(QStringLiteral("^\\(")));
     QStringList wanted;
     for (int i = 0; i < count; ++i) {
         if (level(i) <= Logger::Info)
-            wanted.append(Logger::levelTag(level(i)) + source + text(i));
+            wanted.append(Logger::levelTag(level(i)) + ' ' + source + ": " + text(i));
     }
-    for (QString &line : written)
-        line.remove(QRegularExpression(QStringLiteral(" \\d\\d \\S+ [\\d:]{8} |:    ")));
-    QCOMPARE(written, wanted);
+    QCOMPARE(fileEntries(dir->filePath(QStringLiteral("zt.log"))), wanted);
 }
 
 // Critical and Error entries are on disk when append() returns, with everything before them;
@@ -474,7 +483,7 @@ void tst_Logger::fileBuffer()
     logger->setFile(path);
     QStringList lines;
     for (int i = 0; i < 500; ++i)
-        lines.append(QStringLiteral("(II) line %1").arg(i));
+        lines.append(QStringLiteral("(II) null: line %1").arg(i));
     if (until == "posted critical") {
         // Nothing runs this thread's event loop until the file has been read.
         std::unique_ptr<QThread> poster(QThread::create([&logger] {
@@ -484,7 +493,7 @@ void tst_Logger::fileBuffer()
         }));
         poster->start();
         QVERIFY(poster->wait(10000));
-        lines.append(QStringLiteral("(CC) last"));
+        lines.append(QStringLiteral("(CC) null: last"));
     } else {
         for (int i = 0; i < 500; ++i)
             logger->append(QStringLiteral("line %1").arg(i), Logger::Info);
@@ -492,7 +501,7 @@ void tst_Logger::fileBuffer()
     if (until == "error" || until == "critical") {
         const Logger::Level level = until == "error" ? Logger::Error : Logger::Critical;
         logger->append(QStringLiteral("last"), level);
-        lines.append(Logger::levelTag(level) + QStringLiteral(" last"));
+        lines.append(Logger::levelTag(level) + QStringLiteral(" null: last"));
     } else if (until == "destruction") {
         logger.reset();
     } else if (until == "quit") {
@@ -500,21 +509,10 @@ void tst_Logger::fileBuffer()
         QCoreApplication::exec();
     }
 
-    const auto written = [&] {
-        QFile log(path);
-        if (!log.open(QIODevice::ReadOnly))
-            return QStringList();
-        QStringList result;
-        for (const QString &line : QString::fromUtf8(log.readAll()).split(QLatin1Char('\n'))) {
-            if (line.startsWith(QLatin1Char('(')))
-                result.append(line.left(4) + line.section(QStringLiteral(":    "), 1).prepend(' '));
-        }
-        return result;
-    };
     if (until == "events")
-        QTRY_COMPARE(written(), lines);
+        QTRY_COMPARE(fileEntries(path), lines);
     else
-        QCOMPARE(written(), lines);
+        QCOMPARE(fileEntries(path), lines);
 }
 
 QTEST_MAIN(tst_Logger)
