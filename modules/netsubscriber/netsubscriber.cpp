@@ -1,6 +1,5 @@
 #include "netsubscriber.h"
 
-#include "netenvelope.h"
 #include "netsocket.h"
 
 #include <propagatorstream.h>
@@ -114,9 +113,38 @@ bool NetSubscriber::drain()
     return more;
 }
 
+void NetSubscriber::recycle()
+{
+    // A list no one else holds is refilled by the decoder as it is. Whether a receiver let go
+    // is the list's reference count, the same check by which a QList copy detaches on writing,
+    // so a receiver in another thread may drop its copy at any time.
+    QVariantList &list = incoming.list;
+    if (list.isDetached())
+        return;
+    for (int i = 0; i < spares.size(); ++i) {
+        if (spares[i].isDetached()) {
+            list.swap(spares[i]);
+            if (spares[i].isEmpty())
+                spares.remove(i);
+            return;
+        }
+    }
+    if (!list.isEmpty()) {
+        constexpr int MaxSpares = 4;
+        if (spares.size() < MaxSpares) {
+            spares.append(list);
+        } else {
+            spares[nextSpare] = list;
+            nextSpare = (nextSpare + 1) % MaxSpares;
+        }
+    }
+    list = QVariantList();
+}
+
 void NetSubscriber::take(const QByteArray &bytes)
 {
-    NetWire::Envelope e;
+    recycle();
+    NetWire::Envelope &e = incoming;
     QString error;
     if (!NetWire::decode(bytes, &e, &error) || e.kind != NetWire::Data || e.topic != topic) {
         const quint64 n = ++refused;
