@@ -69,6 +69,8 @@ void NetSubscriber::final()
     socket->close();
     delete socket;
     socket = nullptr;
+    incoming.list.clear();
+    spares.clear();
     emit state(QStringLiteral("received %1 lists from %2 topic %3, lost %4")
                    .arg(received.load())
                    .arg(endpoint, topic)
