@@ -376,7 +376,7 @@ int main(int argc, char **argv)
         }
         const double keptNs = double(clock.nsecsElapsed()) / 2000;
         std::printf(
-            "%-28s encode %8.0f ns  decode %8.0f ns  (kept %8.0f ns)  %d bytes\n",
+            "%-28s encode %8.0f ns  decode %8.0f ns  (new list %8.0f ns)  %d bytes\n",
             qPrintable(
                 QString(size > 0 ? "codec, %1 doubles" : "codec, QVector of %1").arg(qAbs(size))),
             encodeNs, decodeNs, keptNs, int(bytes.size()));
