@@ -55,6 +55,11 @@ bool encode(const Envelope &envelope, QByteArray *out, QString *error);
 // receiver that keeps no copy of each list costs no allocation per value.
 bool decode(const QByteArray &bytes, Envelope *envelope, QString *error);
 
+// True when the caller's copy is the only one, so that the list may be written in place: the
+// test by which a QList copy detaches. A holder in another thread may let go at any time; once
+// it has, what it read of the list is ordered before the caller's writes.
+bool soleHolder(const QVariantList &list);
+
 // A random non-negative 63-bit id, different at every call in practice.
 qint64 randomId();
 

@@ -117,14 +117,13 @@ bool NetSubscriber::drain()
 
 void NetSubscriber::recycle()
 {
-    // A list no one else holds is refilled by the decoder as it is. Whether a receiver let go
-    // is the list's reference count, the same check by which a QList copy detaches on writing,
-    // so a receiver in another thread may drop its copy at any time.
+    // A list no one else holds is refilled by the decoder as it is; a receiver in another thread
+    // may drop its copy at any time, which soleHolder() allows for.
     QVariantList &list = incoming.list;
-    if (list.isDetached())
+    if (NetWire::soleHolder(list))
         return;
     for (int i = 0; i < spares.size(); ++i) {
-        if (spares[i].isDetached()) {
+        if (NetWire::soleHolder(spares[i])) {
             list.swap(spares[i]);
             if (spares[i].isEmpty())
                 spares.remove(i);
