@@ -6,6 +6,7 @@
 #include <QRandomGenerator>
 #include <QtEndian>
 
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -33,36 +34,59 @@ constexpr quint64 DateTimeTag = 0;
 constexpr quint64 EpochTag = 1;
 constexpr int MaxDepth = 64;
 
+// Writes through a raw pointer into a buffer that keeps its capacity from one envelope to the
+// next: no per-byte size checks and, after the first message, no allocation.
 class Writer
 {
 public:
-    QByteArray out;
+    explicit Writer(QByteArray &buffer, int expected)
+        : out(buffer)
+    {
+        if (out.capacity() < expected)
+            out.reserve(expected);
+        // resize() to a smaller size keeps the allocation, so the whole capacity is usable.
+        out.resize(qMax(1, out.capacity()));
+        base = out.data();
+        cap = out.size();
+    }
+
+    // The envelope's bytes; the buffer's capacity stays for the next one.
+    void finish() { out.resize(len); }
+
+    char *room(int n)
+    {
+        if (n > cap - len) {
+            cap = qMax(len + n, 2 * cap);
+            out.resize(cap);
+            base = out.data();
+        }
+        char *at = base + len;
+        len += n;
+        return at;
+    }
 
     void head(int major, quint64 v)
     {
         const char m = char(major << 5);
         if (v < 24) {
-            out.append(char(m | char(v)));
+            *room(1) = char(m | char(v));
         } else if (v <= 0xff) {
-            out.append(char(m | 24));
-            out.append(char(v));
+            char *at = room(2);
+            at[0] = char(m | 24);
+            at[1] = char(v);
         } else if (v <= 0xffff) {
-            out.append(char(m | 25));
-            big<quint16>(quint16(v));
+            char *at = room(3);
+            at[0] = char(m | 25);
+            qToBigEndian<quint16>(quint16(v), at + 1);
         } else if (v <= 0xffffffffu) {
-            out.append(char(m | 26));
-            big<quint32>(quint32(v));
+            char *at = room(5);
+            at[0] = char(m | 26);
+            qToBigEndian<quint32>(quint32(v), at + 1);
         } else {
-            out.append(char(m | 27));
-            big<quint64>(v);
+            char *at = room(9);
+            at[0] = char(m | 27);
+            qToBigEndian<quint64>(v, at + 1);
         }
-    }
-    template<typename T>
-    void big(T v)
-    {
-        char b[sizeof(T)];
-        qToBigEndian<T>(v, b);
-        out.append(b, int(sizeof(T)));
     }
     void integer(qint64 v)
     {
@@ -73,29 +97,42 @@ public:
     }
     void real(double v)
     {
-        out.append(char(0xfb));
+        char *at = room(9);
+        at[0] = char(0xfb);
         quint64 bits;
         std::memcpy(&bits, &v, sizeof bits);
-        big<quint64>(bits);
+        qToBigEndian<quint64>(bits, at + 1);
+    }
+    void raw(const char *s, int n)
+    {
+        head(Text, quint64(n));
+        std::memcpy(room(n), s, size_t(n));
     }
     void text(const QString &s)
     {
+        // Topics and keys are ASCII: written straight, without a UTF-8 copy.
+        const QChar *c = s.constData();
+        const int n = s.size();
+        int ascii = 0;
+        while (ascii < n && c[ascii].unicode() < 0x80)
+            ++ascii;
+        if (ascii == n) {
+            head(Text, quint64(n));
+            char *at = room(n);
+            for (int i = 0; i < n; ++i)
+                at[i] = char(c[i].unicode());
+            return;
+        }
         const QByteArray utf8 = s.toUtf8();
-        head(Text, quint64(utf8.size()));
-        out.append(utf8);
+        raw(utf8.constData(), utf8.size());
     }
-    void text(const char *s)
-    {
-        const int n = int(std::strlen(s));
-        head(Text, quint64(n));
-        out.append(s, n);
-    }
+    void text(const char *s) { raw(s, int(std::strlen(s))); }
     void bytes(const QByteArray &b)
     {
         head(Bytes, quint64(b.size()));
-        out.append(b);
+        std::memcpy(room(b.size()), b.constData(), size_t(b.size()));
     }
-    void simple(int v) { out.append(char(0xe0 | v)); }
+    void simple(int v) { *room(1) = char(0xe0 | v); }
 
     template<typename T>
     void typed(const QVariant &v, quint64 tag)
@@ -103,15 +140,19 @@ public:
         const QVector<T> values = v.value<QVector<T>>();
         head(Tag, tag);
         head(Bytes, quint64(values.size()) * sizeof(T));
-        const int at = out.size();
-        out.resize(at + values.size() * int(sizeof(T)));
-        qToLittleEndian<T>(values.constData(), values.size(), out.data() + at);
+        qToLittleEndian<T>(values.constData(), values.size(), room(values.size() * int(sizeof(T))));
     }
 
     bool list(const QVariantList &list, QString *error)
     {
         head(Array, quint64(list.size()));
         for (const QVariant &v : list) {
+            // Samples are mostly doubles, held in the variant itself: no call into QVariant.
+            const QVariant::Private &d = v.data_ptr();
+            if (d.type == QMetaType::Double && !d.is_shared) {
+                real(d.data.d);
+                continue;
+            }
             if (!value(v, error))
                 return false;
         }
@@ -202,6 +243,12 @@ public:
                      .arg(QString::fromLatin1(v.typeName() ? v.typeName() : "unknown"));
         return false;
     }
+
+private:
+    QByteArray &out;
+    char *base = nullptr;
+    int len = 0;
+    int cap = 0;
 };
 
 class Reader
@@ -309,30 +356,49 @@ public:
         return (h & 0x8000) ? -v : v;
     }
 
+    // Reads n items into *out. A list that no one else holds (the receiver of the previous
+    // message kept no copy) is overwritten in place: its variant nodes, one heap block each, are
+    // neither freed nor allocated again.
     bool list(quint64 n, QVariantList *out, int depth)
     {
         if (n > quint64(end - p)) // every item takes a byte at least
             return fail(QStringLiteral("truncated CBOR"));
-        QVariantList items;
-        items.reserve(int(n));
-        for (quint64 i = 0; i < n; ++i) {
+        const int count = int(n);
+        if (!soleHolder(*out))
+            *out = QVariantList();
+        if (out->size() > count)
+            out->erase(out->begin() + count, out->end());
+        const int reused = out->size();
+        out->reserve(count);
+        QVariantList::iterator it = out->begin();
+        for (int i = 0; i < count; ++i) {
             // Samples are mostly doubles: straight in, without the general path's temporary.
             if (end - p >= 9 && *p == 0xfb) {
-                quint64 bits = 0;
-                for (int k = 1; k <= 8; ++k)
-                    bits = (bits << 8) | p[k];
+                const quint64 bits = qFromBigEndian<quint64>(p + 1);
                 p += 9;
                 double d;
                 std::memcpy(&d, &bits, sizeof d);
-                items.append(QVariant(d));
+                if (i >= reused) {
+                    out->append(QVariant(d));
+                    continue;
+                }
+                QVariant::Private &slot = it[i].data_ptr();
+                if (slot.type == QMetaType::Double && !slot.is_shared) {
+                    slot.data.d = d;
+                    slot.is_null = false;
+                } else {
+                    it[i] = QVariant(d);
+                }
                 continue;
             }
             QVariant v;
             if (!value(&v, depth + 1))
                 return false;
-            items.append(v);
+            if (i < reused)
+                it[i] = std::move(v);
+            else
+                out->append(v);
         }
-        *out = items;
         return true;
     }
 
@@ -510,10 +576,9 @@ public:
 
 } // namespace
 
-QByteArray encode(const Envelope &e, QString *error)
+bool encode(const Envelope &e, QByteArray *out, QString *error)
 {
-    Writer w;
-    w.out.reserve(64 + (e.isList ? e.list.size() * 9 : e.bytes.size()));
+    Writer w(*out, 64 + (e.isList ? e.list.size() * 9 : e.bytes.size()));
     w.head(Map, e.kind == Data ? 5 : 6);
     w.text("k");
     w.integer(e.kind);
@@ -531,12 +596,59 @@ QByteArray encode(const Envelope &e, QString *error)
         w.integer(e.pos);
     }
     w.text("data");
-    if (!e.isList)
+    if (!e.isList) {
         w.bytes(e.bytes);
-    else if (!w.list(e.list, error))
-        return QByteArray(); // nothing half-written leaves here
-    return w.out;
+    } else if (!w.list(e.list, error)) {
+        out->resize(0);
+        return false;
+    }
+    w.finish();
+    return true;
 }
+
+QByteArray encode(const Envelope &e, QString *error)
+{
+    QByteArray out;
+    if (!encode(e, &out, error))
+        return QByteArray(); // nothing half-written leaves here
+    return out;
+}
+
+namespace {
+
+enum Key { KindKey, IdKey, SeqKey, TopicKey, OpKey, PosKey, DataKey, OtherKey };
+
+Key keyOf(const char *s, quint64 n)
+{
+    static const struct
+    {
+        const char *name;
+        Key key;
+    } keys[] = {{"k", KindKey}, {"id", IdKey},   {"seq", SeqKey},  {"topic", TopicKey},
+                {"op", OpKey},  {"pos", PosKey}, {"data", DataKey}};
+    for (const auto &k : keys) {
+        if (std::strlen(k.name) == n && std::memcmp(k.name, s, n) == 0)
+            return k.key;
+    }
+    return OtherKey;
+}
+
+// The topic of the previous envelope is kept when the new one is the same (ASCII) text, as it
+// is on a stream: no string is made per message.
+void setTopic(QString *topic, const char *s, int n)
+{
+    if (topic->size() == n) {
+        const QChar *c = topic->constData();
+        int i = 0;
+        while (i < n && uchar(s[i]) < 0x80 && c[i].unicode() == uchar(s[i]))
+            ++i;
+        if (i == n)
+            return;
+    }
+    *topic = QString::fromUtf8(s, n);
+}
+
+} // namespace
 
 bool decode(const QByteArray &bytes, Envelope *e, QString *error)
 {
@@ -548,15 +660,28 @@ bool decode(const QByteArray &bytes, Envelope *e, QString *error)
         return false;
     }
     bool hasKind = false;
+    bool hasData = false;
     e->isList = true;
-    e->list.clear();
     e->bytes.clear();
     for (quint64 i = 0; i < n; ++i) {
-        QString key;
-        QVariant v;
-        if (!r.textItem(&key))
+        quint64 size = 0;
+        const char *name = nullptr;
+        if (!r.head(&major, &size, &info))
             break;
-        if (key == QLatin1String("data")) {
+        if (major != Text) {
+            r.fail(QStringLiteral("a map key that is not text"));
+            break;
+        }
+        if (!r.span(size, &name))
+            break;
+        const Key key = keyOf(name, size);
+        if (key == OtherKey) {
+            if (!r.skip()) // a newer sender's key
+                break;
+            continue;
+        }
+        if (key == DataKey) {
+            hasData = true;
             // The list is read in place, without a detour through a variant.
             const uchar *at = r.p;
             quint64 count = 0;
@@ -568,42 +693,77 @@ bool decode(const QByteArray &bytes, Envelope *e, QString *error)
                 continue;
             }
             r.p = at;
+            QVariant v;
             if (!r.value(&v))
                 break;
             e->isList = false;
+            e->list.clear();
             e->bytes = v.toByteArray();
             continue;
         }
-        static const QStringList known {"k", "id", "seq", "op", "pos", "topic"};
-        if (!known.contains(key)) {
-            if (!r.skip()) // a newer sender's key
+        if (key == TopicKey) {
+            const uchar *at = r.p;
+            quint64 length = 0;
+            const char *text = nullptr;
+            if (!r.head(&major, &length, &info))
                 break;
-            continue;
+            if (major == Text) {
+                if (!r.span(length, &text))
+                    break;
+                setTopic(&e->topic, text, int(length));
+                continue;
+            }
+            r.p = at;
         }
+        QVariant v;
         if (!r.value(&v))
             break;
-        if (key == QLatin1String("k")) {
+        switch (key) {
+        case KindKey:
             e->kind = v.toInt();
             hasKind = v.type() == QVariant::Int;
-        } else if (key == QLatin1String("id"))
+            break;
+        case IdKey:
             e->id = v.toLongLong();
-        else if (key == QLatin1String("seq"))
+            break;
+        case SeqKey:
             e->seq = v.toLongLong();
-        else if (key == QLatin1String("op"))
+            break;
+        case OpKey:
             e->op = v.toInt();
-        else if (key == QLatin1String("pos"))
+            break;
+        case PosKey:
             e->pos = v.toLongLong();
-        else if (key == QLatin1String("topic"))
+            break;
+        case TopicKey:
             e->topic = v.toString();
+            break;
+        default:
+            break;
+        }
     }
     if (!r.error.isEmpty()) {
         *error = r.error;
         return false;
     }
+    if (!hasData)
+        e->list.clear();
     if (!hasKind) {
         *error = QStringLiteral("not an envelope (a CBOR map with \"k\")");
         return false;
     }
+    return true;
+}
+
+bool soleHolder(const QVariantList &list)
+{
+    if (!list.isDetached())
+        return false;
+        // The reference count is read relaxed; the other holder's release of it is then paired
+        // with this fence. The thread sanitizer does not model fences (and warns about them).
+#if !defined(__SANITIZE_THREAD__)
+    std::atomic_thread_fence(std::memory_order_acquire);
+#endif
     return true;
 }
 

@@ -46,9 +46,19 @@ struct Envelope
 // Any other type is refused: encode() returns an empty array and *error names the type; nothing
 // of the list is sent.
 QByteArray encode(const Envelope &envelope, QString *error);
+// The same into *out, whose capacity is reused (a sender encoding one message after another
+// allocates only when a message is larger than all before). False, *out empty, on a refusal.
+bool encode(const Envelope &envelope, QByteArray *out, QString *error);
 // False with a reason when the bytes are not an envelope (not CBOR, not a map, no kind) or hold
 // a value no list of ours holds. Integers come back as int when they fit, else as long long.
+// Decoding into the same envelope again reuses its list when nothing else shares it, so a
+// receiver that keeps no copy of each list costs no allocation per value.
 bool decode(const QByteArray &bytes, Envelope *envelope, QString *error);
+
+// True when the caller's copy is the only one, so that the list may be written in place: the
+// test by which a QList copy detaches. A holder in another thread may let go at any time; once
+// it has, what it read of the list is ordered before the caller's writes.
+bool soleHolder(const QVariantList &list);
 
 // A random non-negative 63-bit id, different at every call in practice.
 qint64 randomId();

@@ -25,7 +25,8 @@ QVariantMap NetPublisher::netCounters() const
 bool NetPublisher::init()
 {
     endpoint = options.value(QStringLiteral("endpoint")).toString();
-    topic = options.value(QStringLiteral("topic")).toString().toUtf8();
+    topicText = options.value(QStringLiteral("topic")).toString();
+    topic = topicText.toUtf8();
     publisherId = NetWire::randomId();
     seq = 0;
     socket = new NetSocket(ZMQ_PUB, 200, this);
@@ -95,10 +96,9 @@ void NetPublisher::publish(NetWire::Envelope &e)
     e.kind = NetWire::Data;
     e.id = publisherId;
     e.seq = seq;
-    e.topic = QString::fromUtf8(topic);
+    e.topic = topicText;
     QString error;
-    const QByteArray bytes = NetWire::encode(e, &error);
-    if (bytes.isEmpty()) {
+    if (!NetWire::encode(e, &buffer, &error)) {
         // One line for the first refusals and then one per thousand, not one per list. A
         // refused list takes no sequence number: the subscribers see no gap for it.
         const quint64 n = ++refused;
@@ -116,7 +116,7 @@ void NetPublisher::publish(NetWire::Envelope &e)
     try {
         socket->socket().send(zmq::buffer(topic.constData(), size_t(topic.size())),
                               zmq::send_flags::sndmore | zmq::send_flags::dontwait);
-        socket->socket().send(zmq::buffer(bytes.constData(), size_t(bytes.size())),
+        socket->socket().send(zmq::buffer(buffer.constData(), size_t(buffer.size())),
                               zmq::send_flags::dontwait);
     } catch (const zmq::error_t &x) {
         emit state(QStringLiteral("send failed: %1").arg(QString::fromLocal8Bit(x.what())),

@@ -44,6 +44,8 @@ private:
     NetSocket *socket = nullptr;
     QString endpoint;
     QByteArray topic;
+    QString topicText;
+    QByteArray buffer; // the envelope being sent; keeps its capacity from one list to the next
     qint64 publisherId = 0;
     qint64 seq = 0;
     std::atomic<quint64> sent {0};

@@ -1,6 +1,5 @@
 #include "netsubscriber.h"
 
-#include "netenvelope.h"
 #include "netsocket.h"
 
 #include <propagatorstream.h>
@@ -70,6 +69,8 @@ void NetSubscriber::final()
     socket->close();
     delete socket;
     socket = nullptr;
+    incoming.list.clear();
+    spares.clear();
     emit state(QStringLiteral("received %1 lists from %2 topic %3, lost %4")
                    .arg(received.load())
                    .arg(endpoint, topic)
@@ -114,9 +115,37 @@ bool NetSubscriber::drain()
     return more;
 }
 
+void NetSubscriber::recycle()
+{
+    // A list no one else holds is refilled by the decoder as it is; a receiver in another thread
+    // may drop its copy at any time, which soleHolder() allows for.
+    QVariantList &list = incoming.list;
+    if (NetWire::soleHolder(list))
+        return;
+    for (int i = 0; i < spares.size(); ++i) {
+        if (NetWire::soleHolder(spares[i])) {
+            list.swap(spares[i]);
+            if (spares[i].isEmpty())
+                spares.remove(i);
+            return;
+        }
+    }
+    if (!list.isEmpty()) {
+        constexpr int MaxSpares = 4;
+        if (spares.size() < MaxSpares) {
+            spares.append(list);
+        } else {
+            spares[nextSpare] = list;
+            nextSpare = (nextSpare + 1) % MaxSpares;
+        }
+    }
+    list = QVariantList();
+}
+
 void NetSubscriber::take(const QByteArray &bytes)
 {
-    NetWire::Envelope e;
+    recycle();
+    NetWire::Envelope &e = incoming;
     QString error;
     if (!NetWire::decode(bytes, &e, &error) || e.kind != NetWire::Data || e.topic != topic) {
         const quint64 n = ++refused;

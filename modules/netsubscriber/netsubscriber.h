@@ -1,9 +1,12 @@
 #pragma once
 
+#include "netenvelope.h"
+
 #include <ztmiextended.h>
 
 #include <QHash>
 #include <QSet>
+#include <QVector>
 #include <QVariantMap>
 
 #include <atomic>
@@ -42,10 +45,19 @@ protected:
 private:
     bool drain();
     void take(const QByteArray &bytes);
+    void recycle();
 
     NetSocket *socket = nullptr;
     QString endpoint;
     QString topic;
+    // Decoded into again and again: its list is refilled in place while the receivers keep no
+    // copy of it (the decoder checks), which saves an allocation and a free per value.
+    NetWire::Envelope incoming;
+    // Lists of earlier messages that a receiver still held (a queued receiver that has not come
+    // to them yet): refilled once it lets go. At most a few, so that a receiver keeping every
+    // list pins no more than these.
+    QVector<QVariantList> spares;
+    int nextSpare = 0;
     QHash<qint64, qint64> nextSeq; // per publisher id: the sequence number expected next
     qint64 lastPublisher = 0;
     quint64 lostInPass = 0;

@@ -18,6 +18,8 @@
 
 #include <zmq.hpp>
 
+#include <cstring>
+#include <limits>
 #include <memory>
 #include <thread>
 
@@ -107,6 +109,8 @@ private slots:
     void lateAnswerDropped();
     void badEndpoints();
     void pythonSubscriber();
+    void reusedBuffers_data();
+    void reusedBuffers();
 
 private:
     QTemporaryDir work;
@@ -472,6 +476,97 @@ void tst_Net::pythonSubscriber()
                   .arg(-n);
         QVERIFY2(out.contains(QRegularExpression(line)), qPrintable(out + "\n" + line));
     }
+}
+
+void tst_Net::reusedBuffers_data()
+{
+    // A sender encodes into one buffer and a receiver decodes into one envelope, message after
+    // message: the second message must come out as if nothing came before it.
+    QTest::addColumn<QVariantList>("before");
+    QTest::addColumn<QVariantList>("after");
+    QTest::addColumn<int>("cut"); // bytes missing at the end of the second message
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const double inf = std::numeric_limits<double>::infinity();
+    QTest::newRow("fewer doubles")
+        << QVariantList {1.0, 2.0, 3.0, 4.0, 5.0} << QVariantList {1.5, -2.5} << 0;
+    QTest::newRow("more doubles") << QVariantList {1.0} << QVariantList {1.5, 2.5, 3.5, 1e-300}
+                                  << 0;
+    QTest::newRow("doubles over other types")
+        << QVariantList {QString("text"), 7, QVariantList {1}, QByteArray("b"), QVariant()}
+        << QVariantList {1.5, -2.0, 3.25, 4.0, 0.5} << 0;
+    QTest::newRow("other types over doubles")
+        << QVariantList {1.5, 2.5, 3.5, 4.5, 5.5}
+        << QVariantList {QString("x"), 2, qint64(1) << 40, true, QVariantList {2.5}} << 0;
+    QTest::newRow("integers stay integers") << QVariantList {1.5, 2.5} << QVariantList {1, -2} << 0;
+    QTest::newRow("non-finite doubles")
+        << QVariantList {0.0, 0.0, 0.0, 0.0} << QVariantList {nan, inf, -inf, -0.0} << 0;
+    QTest::newRow("cut in a double")
+        << QVariantList {1.0, 2.0, 3.0} << QVariantList {4.0, 5.0, 6.0} << 4;
+    QTest::newRow("cut after the array head")
+        << QVariantList {1.0, 2.0} << QVariantList {QString("x"), 2.0} << 11;
+}
+
+void tst_Net::reusedBuffers()
+{
+    QFETCH(QVariantList, before);
+    QFETCH(QVariantList, after);
+    QFETCH(int, cut);
+    NetWire::Envelope e;
+    e.topic = "adc";
+    QString error;
+    QByteArray buffer;
+    QVERIFY2(NetWire::encode(e, &buffer, &error), qPrintable(error));
+    e.list = before;
+    QVERIFY2(NetWire::encode(e, &buffer, &error), qPrintable(error));
+    const QByteArray first = buffer;
+    e.list = after;
+    e.seq = 1;
+    QVERIFY2(NetWire::encode(e, &buffer, &error), qPrintable(error));
+    QCOMPARE(buffer, NetWire::encode(e, &error));
+    const QByteArray second = buffer;
+
+    // Same values, same types; doubles by their bits, so that NaN and -0 count.
+    auto same = [](const QVariantList &a, const QVariantList &b) {
+        if (a.size() != b.size())
+            return false;
+        for (int i = 0; i < a.size(); ++i) {
+            if (a.at(i).userType() != b.at(i).userType())
+                return false;
+            if (a.at(i).userType() == QMetaType::Double) {
+                const double x = a.at(i).toDouble(), y = b.at(i).toDouble();
+                if (std::memcmp(&x, &y, sizeof x) != 0)
+                    return false;
+            } else if (a.at(i) != b.at(i)) {
+                return false;
+            }
+        }
+        return true;
+    };
+    // Once with the first list let go, once with a receiver still holding it (that copy must
+    // not change under it).
+    for (bool held : {false, true}) {
+        NetWire::Envelope got;
+        QVERIFY2(NetWire::decode(first, &got, &error), qPrintable(error));
+        const QVariantList kept = held ? got.list : QVariantList();
+        if (cut > 0) {
+            QVERIFY(!NetWire::decode(second.left(second.size() - cut), &got, &error));
+            QVERIFY(!error.isEmpty());
+        }
+        QVERIFY2(NetWire::decode(second, &got, &error), qPrintable(error));
+        QCOMPARE(got.seq, qint64(1));
+        QVERIFY2(same(got.list, after), held ? "held" : "let go");
+        if (held)
+            QVERIFY(same(kept, before));
+    }
+    // A bytes payload after a list leaves no list behind.
+    NetWire::Envelope got;
+    QVERIFY(NetWire::decode(second, &got, &error));
+    e.isList = false;
+    e.bytes = "raw";
+    QVERIFY(NetWire::encode(e, &buffer, &error));
+    QVERIFY2(NetWire::decode(buffer, &got, &error), qPrintable(error));
+    QVERIFY(!got.isList && got.list.isEmpty());
+    QCOMPARE(got.bytes, QByteArray("raw"));
 }
 
 QTEST_GUILESS_MAIN(tst_Net)
