@@ -757,10 +757,10 @@ bool decode(const QByteArray &bytes, Envelope *e, QString *error)
 
 bool soleHolder(const QVariantList &list)
 {
+    // The reference count is read relaxed; the other holder's release of it is then paired with
+    // the fence below. The thread sanitizer does not model fences (and warns about them).
     if (!list.isDetached())
         return false;
-        // The reference count is read relaxed; the other holder's release of it is then paired
-        // with this fence. The thread sanitizer does not model fences (and warns about them).
 #if !defined(__SANITIZE_THREAD__)
     std::atomic_thread_fence(std::memory_order_acquire);
 #endif
