@@ -4,6 +4,8 @@
 #include "modlockset_p.h"
 #include "tsanhandoff_p.h"
 
+#include <QMetaMethod>
+
 #include <atomic>
 #include <thread>
 
@@ -25,7 +27,7 @@ constexpr int IdleYields = 16;
 // at the head by the consumer's thread alone, without a lock on either side. A slot is handed
 // over by `pushed` (release by the producer, acquire by the consumer) and its list released by
 // the consumer before `popped` says so; a block the consumer is done with goes back to the
-// producers through `spare`, so that a stream does not allocate per list or per block.
+// producers through `spares`, so that a stream does not allocate per list or per block.
 //
 // `idle` says that no wake-up is posted or running. The consumer sets it and then looks at
 // `pushed` once more; a producer publishes `pushed` and then looks at `idle`; both sequentially
@@ -44,6 +46,12 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
         qint64 sentNs = 0; // 0: not a latency sample
         quint32 deliveries = 0; // slot calls its emission makes
         quint8 kind = 0;
+
+        void clear()
+        {
+            list = QVariantList();
+            bytes = QByteArray();
+        }
     };
     struct Block
     {
@@ -65,7 +73,8 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
             delete head;
             head = next;
         }
-        delete spare.load(std::memory_order_acquire);
+        for (auto &block : spares)
+            delete block.load(std::memory_order_acquire);
     }
     BatchQueue(const BatchQueue &) = delete;
     BatchQueue &operator=(const BatchQueue &) = delete;
@@ -98,7 +107,12 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
     void push()
     {
         if (++tailIndex == BlockSize) {
-            Block *next = spare.exchange(nullptr, std::memory_order_acquire);
+            Block *next = nullptr;
+            for (auto &block : spares) {
+                if (block.load(std::memory_order_relaxed)
+                    && (next = block.exchange(nullptr, std::memory_order_acquire)))
+                    break;
+            }
             if (next)
                 next->next = nullptr;
             else
@@ -141,6 +155,7 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
                         std::this_thread::yield();
                     continue;
                 }
+                releaseDelivered();
                 idle.store(true, std::memory_order_seq_cst);
                 if (pushed.load(std::memory_order_seq_cst) == taken
                     || !idle.exchange(false, std::memory_order_acq_rel))
@@ -150,18 +165,51 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
             lingered = false;
             const quint64 n = qMin(available, Chunk);
             const quint64 delivered = deliver(channel, n);
-            release(delivered);
+            advance(delivered);
             if (delivered < n)
                 return; // the channel was deleted by a consumer's slot
             done += n;
             if (done >= Turn) {
                 // Still not idle: the next wake-up is this one, behind the thread's other
                 // events.
+                releaseDelivered();
                 post();
                 return;
             }
         }
     }
+    // The channel's signals take their argument by value, so emitting them through their
+    // functions would copy the list, and touch its shared count (which the producer touches as
+    // well) twice more per list and signal. emitWith() does what those functions do, with the
+    // queued list itself as the argument: receivers in this thread get it as a const argument,
+    // queued connections copy it.
+    struct Signals
+    {
+        int trySend;
+        int trySendList;
+        int streamSendList;
+    };
+    static const Signals &signalIndices()
+    {
+        static const Signals indices = [] {
+            // A class's signals come first among its methods: the local method index of a
+            // signal is its signal index.
+            const QMetaObject &meta = PropagatorStream::staticMetaObject;
+            auto local = [&meta](const QMetaMethod &signal) {
+                return signal.methodIndex() - meta.methodOffset();
+            };
+            return Signals {local(QMetaMethod::fromSignal(&PropagatorStream::trySend)),
+                            local(QMetaMethod::fromSignal(&PropagatorStream::trySendList)),
+                            local(QMetaMethod::fromSignal(&PropagatorStream::streamSendList))};
+        }();
+        return indices;
+    }
+    static void emitWith(PropagatorStreamBatched *channel, int signal, const void *argument)
+    {
+        void *arguments[] = {nullptr, const_cast<void *>(argument)};
+        QMetaObject::activate(channel, &PropagatorStream::staticMetaObject, signal, arguments);
+    }
+
     // Emits the next n lists in order and tells the producers and the counters; returns how
     // many, fewer when a consumer's slot deleted the channel.
     quint64 deliver(PropagatorStreamBatched *channel, quint64 n)
@@ -174,16 +222,17 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
             if (owner.load(std::memory_order_relaxed) != channel)
                 break;
             const Slot &slot = block->entries[index];
+            const Signals &signal = signalIndices();
             switch (slot.kind) {
             case PropagatorStreamBatched::Bytes:
-                emit channel->trySend(slot.bytes);
+                emitWith(channel, signal.trySend, &slot.bytes);
                 break;
             case PropagatorStreamBatched::Fresh:
-                emit channel->trySendList(slot.list);
-                emit channel->streamSendList(slot.list);
+                emitWith(channel, signal.trySendList, &slot.list);
+                emitWith(channel, signal.streamSendList, &slot.list);
                 break;
             default:
-                emit channel->trySendList(slot.list);
+                emitWith(channel, signal.trySendList, &slot.list);
                 break;
             }
             deliveries += slot.deliveries;
@@ -195,7 +244,7 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
             }
         }
         // Room is made once delivered: a slot is written again only after its block came back
-        // through `spare`, which release() below does.
+        // through `spares`.
         popped.store(taken + done, std::memory_order_seq_cst);
         counters.add(&ChannelCounters::deliveries, deliveries);
         if (waiters.load(std::memory_order_seq_cst) > 0) {
@@ -206,28 +255,53 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
         }
         return done;
     }
-    // Frees the next n slots. The lists are released together, after their emissions, so that
-    // the consumer does not fight the producer for a shared list's count between two slot calls.
-    void release(quint64 n)
+    // Moves the head past n delivered slots; a block passed goes back to the producers with
+    // its lists still in it, for the producer to overwrite.
+    void advance(quint64 n)
     {
         for (quint64 i = 0; i < n; ++i) {
-            Slot &slot = head->entries[headIndex];
-            slot.list = QVariantList();
-            slot.bytes = QByteArray();
-            slot.sentNs = 0;
             if (++headIndex == BlockSize) {
                 Block *done = head;
                 head = head->next;
                 headIndex = 0;
-                delete spare.exchange(done, std::memory_order_acq_rel);
+                cleared = 0;
+                recycle(done);
             }
         }
         taken += n;
+    }
+    // Releases the lists delivered and still held: those behind the head in its block, and
+    // those of the spare blocks. While lists flow they are released by the producer as it
+    // overwrites their slots, next to its own use of them; a consumer dropping them one by one
+    // would fight the producer for the count of a list sent again and again between every two
+    // slot calls. Once it catches up, the consumer lets them go (the producer is quiet then).
+    void releaseDelivered()
+    {
+        for (; cleared < headIndex; ++cleared)
+            head->entries[cleared].clear();
+        for (auto &spare : spares) {
+            if (Block *block = spare.exchange(nullptr, std::memory_order_acq_rel)) {
+                for (Slot &slot : block->entries)
+                    slot.clear();
+                recycle(block);
+            }
+        }
+    }
+    // A block passed by the consumer, for the producer to take again (or freed when enough wait).
+    void recycle(Block *block)
+    {
+        for (auto &spare : spares) {
+            Block *empty = nullptr;
+            if (spare.compare_exchange_strong(empty, block, std::memory_order_acq_rel))
+                return;
+        }
+        delete block;
     }
 
     // The consumer's side: pump() only.
     Block *head;
     int headIndex = 0;
+    int cleared = 0; // slots of the head block whose lists are released
     quint64 taken = 0;
 
     // The producers' side: the channel's mutex held.
@@ -241,7 +315,7 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
     alignas(64) std::atomic<quint64> popped {0};
     std::atomic<bool> idle {true};
     std::atomic<int> waiters {0}; // producers waiting for room
-    std::atomic<Block *> spare {nullptr};
+    std::atomic<Block *> spares[4] {}; // blocks passed by the consumer, for the producer
     std::atomic<bool> threadEnded {false};
     std::atomic<qint64> pendingHigh {0};
 
@@ -323,13 +397,17 @@ void PropagatorStreamBatched::enqueue(Kind kind, const QByteArray *bytes, const 
                     outcome = Full;
             }
             if (outcome == Queued) {
+                // The slot may still hold a list delivered earlier: released here.
                 BatchQueue::Slot &slot = q.tailSlot();
                 slot.kind = quint8(kind);
+                slot.sentNs = 0;
                 if (kind == Bytes) {
                     slot.bytes = *bytes;
+                    slot.list = QVariantList();
                     slot.deliveries = quint32(out.bytes);
                 } else {
                     slot.list = *list;
+                    slot.bytes = QByteArray();
                     slot.deliveries = quint32(kind == Fresh ? out.lists + out.stream : out.lists);
                 }
 #ifndef ZTCORE_NO_CHANNEL_STATS
