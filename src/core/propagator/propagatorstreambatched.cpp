@@ -451,20 +451,15 @@ BatchQueue &PropagatorStreamBatched::queue()
             // the channel is gone. Connected before the thread's state is read, so that an end
             // in between is not missed.
             std::shared_ptr<BatchQueue> q = m_queue;
-            connect(
-                thread, &QThread::started, this,
-                [q] { q->threadEnded.store(false, std::memory_order_release); },
-                Qt::DirectConnection);
-            connect(
-                thread, &QThread::finished, this,
-                [q] {
-                    q->threadEnded.store(true, std::memory_order_release);
-                    {
-                        std::lock_guard<std::mutex> guard(q->lock);
-                    }
-                    q->room.notify_all();
-                },
-                Qt::DirectConnection);
+            connectDirect(thread, &QThread::started, this,
+                          [q] { q->threadEnded.store(false, std::memory_order_release); });
+            connectDirect(thread, &QThread::finished, this, [q] {
+                q->threadEnded.store(true, std::memory_order_release);
+                {
+                    std::lock_guard<std::mutex> guard(q->lock);
+                }
+                q->room.notify_all();
+            });
             if (thread->isFinished())
                 m_queue->threadEnded.store(true, std::memory_order_release);
         }
