@@ -113,10 +113,14 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
                     && (next = block.exchange(nullptr, std::memory_order_acquire)))
                     break;
             }
-            if (next)
+            if (next) {
+                // Lists delivered from it and not yet released (the consumer was busy).
+                for (Slot &slot : next->entries)
+                    slot.clear();
                 next->next = nullptr;
-            else
+            } else {
                 next = new Block;
+            }
             tail->next = next; // published with the slot below
             tail = next;
             tailIndex = 0;
@@ -256,7 +260,7 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
         return done;
     }
     // Moves the head past n delivered slots; a block passed goes back to the producers with
-    // its lists still in it, for the producer to overwrite.
+    // its lists still in it.
     void advance(quint64 n)
     {
         for (quint64 i = 0; i < n; ++i) {
@@ -271,10 +275,11 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
         taken += n;
     }
     // Releases the lists delivered and still held: those behind the head in its block, and
-    // those of the spare blocks. While lists flow they are released by the producer as it
-    // overwrites their slots, next to its own use of them; a consumer dropping them one by one
-    // would fight the producer for the count of a list sent again and again between every two
-    // slot calls. Once it catches up, the consumer lets them go (the producer is quiet then).
+    // those of the spare blocks. While lists flow they are released by the producer as it takes
+    // a spare block; a consumer dropping them one by one would fight the producer for the count
+    // of a list sent again and again, between every two slot calls. Once it has caught up, the
+    // consumer lets them go itself (the producer is quiet then), so that no list outlives its
+    // delivery for long.
     void releaseDelivered()
     {
         for (; cleared < headIndex; ++cleared)
@@ -397,17 +402,14 @@ void PropagatorStreamBatched::enqueue(Kind kind, const QByteArray *bytes, const 
                     outcome = Full;
             }
             if (outcome == Queued) {
-                // The slot may still hold a list delivered earlier: released here.
                 BatchQueue::Slot &slot = q.tailSlot();
                 slot.kind = quint8(kind);
                 slot.sentNs = 0;
                 if (kind == Bytes) {
                     slot.bytes = *bytes;
-                    slot.list = QVariantList();
                     slot.deliveries = quint32(out.bytes);
                 } else {
                     slot.list = *list;
-                    slot.bytes = QByteArray();
                     slot.deliveries = quint32(kind == Fresh ? out.lists + out.stream : out.lists);
                 }
 #ifndef ZTCORE_NO_CHANNEL_STATS
