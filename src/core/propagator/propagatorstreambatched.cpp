@@ -25,9 +25,11 @@ constexpr int IdleYields = 16;
 // The queue shared by the producers and the consumer's thread: a chain of blocks of slots,
 // written at the tail by one producer at a time (the channel's mutex serialises them) and read
 // at the head by the consumer's thread alone, without a lock on either side. A slot is handed
-// over by `pushed` (release by the producer, acquire by the consumer) and its list released by
-// the consumer before `popped` says so; a block the consumer is done with goes back to the
-// producers through `spares`, so that a stream does not allocate per list or per block.
+// over by `pushed` (release by the producer, acquire by the consumer); `popped` counts the lists
+// delivered, for the bound and the figures. A block the consumer is done with goes back to the
+// producers through `spares` (which hands its slots over as well), so that a stream does not
+// allocate per list or per block; the lists it still holds are released as releaseDelivered()
+// says.
 //
 // `idle` says that no wake-up is posted or running. The consumer sets it and then looks at
 // `pushed` once more; a producer publishes `pushed` and then looks at `idle`; both sequentially
