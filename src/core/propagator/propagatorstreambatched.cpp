@@ -305,14 +305,18 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
         delete block;
     }
 
+    // Each side's own fields, the counters the other side reads, and the flags apart, each on
+    // cache lines of their own: a producer writing next to what the consumer reads (or the
+    // reverse) would move the line between the cores for every list.
+
     // The consumer's side: pump() only.
-    Block *head;
+    alignas(64) Block *head;
     int headIndex = 0;
     int cleared = 0; // slots of the head block whose lists are released
     quint64 taken = 0;
 
     // The producers' side: the channel's mutex held.
-    Block *tail;
+    alignas(64) Block *tail;
     int tailIndex = 0;
     quint64 count = 0; // lists put in
     quint64 poppedSeen = 0;
@@ -320,7 +324,7 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
 
     alignas(64) std::atomic<quint64> pushed {0};
     alignas(64) std::atomic<quint64> popped {0};
-    std::atomic<bool> idle {true};
+    alignas(64) std::atomic<bool> idle {true};
     std::atomic<int> waiters {0}; // producers waiting for room
     std::atomic<Block *> spares[4] {}; // blocks passed by the consumer, for the producer
     std::atomic<bool> threadEnded {false};
