@@ -200,10 +200,9 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
         static const Signals indices = [] {
             // A class's signals come first among its methods: the local method index of a
             // signal is its signal index.
-            const QMetaObject &meta = PropagatorStream::staticMetaObject;
-            auto local = [&meta](const QMetaMethod &signal) {
-                return signal.methodIndex() - meta.methodOffset();
-            };
+            const int offset = PropagatorStream::staticMetaObject.methodOffset();
+            auto local
+                = [offset](const QMetaMethod &signal) { return signal.methodIndex() - offset; };
             return Signals {local(QMetaMethod::fromSignal(&PropagatorStream::trySend)),
                             local(QMetaMethod::fromSignal(&PropagatorStream::trySendList)),
                             local(QMetaMethod::fromSignal(&PropagatorStream::streamSendList))};
