@@ -219,6 +219,7 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
     // many, fewer when a consumer's slot deleted the channel.
     quint64 deliver(PropagatorStreamBatched *channel, quint64 n)
     {
+        const Signals &signal = signalIndices();
         Block *block = head;
         int index = headIndex;
         quint64 deliveries = 0;
@@ -227,7 +228,6 @@ struct BatchQueue : std::enable_shared_from_this<BatchQueue>
             if (owner.load(std::memory_order_relaxed) != channel)
                 break;
             const Slot &slot = block->entries[index];
-            const Signals &signal = signalIndices();
             switch (slot.kind) {
             case PropagatorStreamBatched::Bytes:
                 emitWith(channel, signal.trySend, &slot.bytes);
