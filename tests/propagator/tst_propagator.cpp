@@ -334,6 +334,7 @@ private slots:
     void blockedProducerReleased();
     void batchedChannelsKeepEveryListInOrder();
     void batchedChannelDeletedWithListsWaiting();
+    void batchedChannelReleasesDeliveredLists();
     void requestEndsWithoutAnswer_data();
     void requestEndsWithoutAnswer();
     void blockingRequestRefused_data();
@@ -844,6 +845,20 @@ void tst_Propagator::batchedChannelDeletedWithListsWaiting()
     QCOMPARE(late->stats().dropped, quint64(1));
     QCOMPARE(late->stats().lists, quint64(0));
     QCOMPARE(warnings.count(), 1);
+}
+
+// Once the consumer has caught up the channel holds no delivered list: a list sent again and
+// again is shared with nobody but its sender.
+void tst_Propagator::batchedChannelReleasesDeliveredLists()
+{
+    TestThread consumerThread;
+    auto *consumer = consumerThread.adopt(new Recorder(1));
+    auto p = channelTo(Batched, consumer);
+    const QVariantList list {7};
+    for (int n = 0; n < 300; ++n) // more than one block of the queue
+        p->sendList(list);
+    QTRY_COMPARE_WITH_TIMEOUT(consumer->received.loadAcquire(), 300, Patience);
+    QTRY_VERIFY_WITH_TIMEOUT(list.isDetached(), Patience);
 }
 
 enum Ending { TimeOut, Close, ServerEnds };
