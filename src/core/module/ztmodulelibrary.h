@@ -75,8 +75,8 @@ public:
     // The metadata embedded in this plug-in, read once.
     static const ZtModuleMetaData &metaData()
     {
-        static const ZtModuleMetaData data = ZtModuleMetaData::fromPluginMetaData(
-            QStaticPlugin {nullptr, &qt_plugin_query_metadata}.metaData());
+        static const ZtModuleMetaData data
+            = ZtModuleMetaData::fromEmbedded(&qt_plugin_query_metadata);
         return data;
     }
 };

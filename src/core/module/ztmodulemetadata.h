@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ztcore_export.h"
 #include "ztliblevelinterface.h"
 
 #include <QFileInfo>
@@ -7,13 +8,15 @@
 #include <QPluginLoader>
 #include <QString>
 #include <QStringList>
+#include <QtPlugin>
 
 // What a module library says about itself in the metadata that ztcore_add_module embeds: name,
 // kind, version, description, interface type and interface version. It is read from the file
 // without loading the library, so no code of the module runs (QPluginLoader::metaData()).
 //
-// A value type, header-only. A library built without that metadata (an empty "MetaData" object)
-// reads back as not valid; so does a file that is no plug-in of the module interface.
+// A value type. A library built without that metadata (an empty "MetaData" object) reads back as
+// not valid; so does a file that is no plug-in of the module interface. A loaded library reads
+// its own metadata straight from the bytes moc embedded (fromEmbedded()).
 class ZtModuleMetaData
 {
 public:
@@ -55,6 +58,21 @@ public:
             result.error = QStringLiteral("no module metadata");
         return result;
     }
+
+    // The metadata a loaded plug-in embeds, given its qt_plugin_query_metadata(). Read straight
+    // from the raw bytes when they are in the form readRaw() knows, which costs a small part of
+    // Qt's conversion of the whole object to JSON (QStaticPlugin::metaData()); Qt's conversion
+    // otherwise, so that a future layout still reads correctly, only slower.
+    static ZTCORE_EXPORT ZtModuleMetaData fromEmbedded(QtPluginMetaDataFunction query);
+
+    // Reads the raw form of Qt 5's plug-in metadata as moc writes it: the signature
+    // "QTMETADATA !", a metadata format byte (0), Qt's major and minor version, the architecture
+    // requirements, then one CBOR map whose keys are small integers for Qt's own entries (2 the
+    // IID, 4 the "MetaData" object; text keys are accepted too). Fills `result` as
+    // fromPluginMetaData() would from Qt's JSON form and returns true; returns false, leaving
+    // `result` unspecified, for anything else: a null pointer, another signature or format,
+    // malformed or truncated CBOR.
+    static ZTCORE_EXPORT bool readRaw(const char *raw, ZtModuleMetaData *result);
 
     // "1.2.0" -> 1 << 16 | 2 << 8 | 0, the form of ZtLibLevelInterface::getInterfaceVersion();
     // -1 for anything else.
