@@ -10,6 +10,7 @@
 #include "settingsfinding.h"
 #include "syssettings.h"
 #include "threadlauncher.h"
+#include "tsanhandoff_p.h"
 #include "ztliblevelinterface.h"
 #include "ztmiextended.h"
 #include "ztmifound.h"
@@ -20,12 +21,14 @@
 #include <QDeadlineTimer>
 #include <QDebug>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QLibraryInfo>
 #include <QMenu>
 #include <QMetaMethod>
 #include <QMetaObject>
 #include <QPluginLoader>
+#include <QPointer>
 #include <QSemaphore>
 #include <QSharedPointer>
 #include <QThread>
@@ -34,6 +37,7 @@
 #include <QTranslator>
 #include <QWidget>
 
+#include <atomic>
 #include <cstdio>
 #include <functional>
 
@@ -109,6 +113,90 @@ PendingCall postToModule(ZtMIFound *module, int index, const std::function<void(
         },
         Qt::QueuedConnection);
     return pending;
+}
+
+// The answer of one init() run in a module's thread. The state is an atomic of the library's own,
+// so that the result is handed over visibly to the thread sanitizer too; the semaphore only puts
+// the waiting thread to sleep.
+struct InitCall
+{
+    enum { Pending, Succeeded, Failed };
+    std::atomic<int> state {Pending};
+    QSemaphore done;
+};
+
+// Runs module->init() in the module's thread `home` and waits for it: inits run one after the
+// other, in the configured order. A healthy worker answers within microseconds, so the caller
+// polls for a moment, yielding to others on a busy machine, before it sleeps: a sleep and a
+// wake-up per module used to cost more than the inits themselves. There is no deadline, since an
+// init() may rightly take long (devices, connections); the way out is the thread ending without
+// having run the call. False in `ran` then.
+bool initInThread(ZtMIFound *module, QThread *home, bool *ran)
+{
+    *ran = false;
+    if (!home->isRunning())
+        return false;
+    auto call = QSharedPointer<InitCall>::create();
+    postQueuedCall(module, [module, call] {
+        call->state.store(module->init() ? InitCall::Succeeded : InitCall::Failed,
+                          std::memory_order_release);
+        call->done.release();
+    });
+    const auto answered
+        = [&call] { return call->state.load(std::memory_order_acquire) != InitCall::Pending; };
+    QElapsedTimer polling;
+    polling.start();
+    while (!answered() && polling.nsecsElapsed() < 200000)
+        QThread::yieldCurrentThread();
+    while (!answered()) {
+        if (call->done.tryAcquire(1, 50))
+            continue;
+        // A thread that ends runs no more calls; one last look, as it may have run this one
+        // just before.
+        if (!home->isRunning() && !answered())
+            return false;
+    }
+    *ran = true;
+    return call->state.load(std::memory_order_acquire) == InitCall::Succeeded;
+}
+
+// Calls `step` for every module of `modules` in the module's own thread, in their order: at once
+// for the modules of this thread, as one queued call per worker thread for all of that thread's
+// modules. A queued call per module would run them in the same order, but wake the thread once
+// per module. A module that moved to another thread in the meantime gets its own call there.
+void inEachThread(const QList<ComplexModule> &modules, void (*step)(ZtMIFound *))
+{
+    QVector<QThread *> threads;
+    QVector<QVector<QPointer<ZtMIFound>>> batches;
+    for (const ComplexModule &record : modules) {
+        ZtMIFound *module = record.module;
+        if (!module)
+            continue;
+        QThread *home = module->thread();
+        if (home == QThread::currentThread()) {
+            step(module);
+            continue;
+        }
+        int batch = threads.indexOf(home);
+        if (batch < 0) {
+            batch = threads.size();
+            threads.append(home);
+            batches.append(QVector<QPointer<ZtMIFound>>());
+        }
+        batches[batch].append(module);
+    }
+    for (const QVector<QPointer<ZtMIFound>> &batch : qAsConst(batches)) {
+        postQueuedCall(batch.first().data(), [batch, step] {
+            for (const QPointer<ZtMIFound> &module : batch) {
+                if (!module)
+                    continue;
+                if (module->thread() == QThread::currentThread())
+                    step(module);
+                else
+                    QMetaObject::invokeMethod(module, [module, step] { step(module); });
+            }
+        });
+    }
 }
 
 } // namespace
@@ -520,11 +608,12 @@ int ZtKernel::initModules()
         const qint64 started = now();
         const bool widgetsOk = widgetParent ? module->initWidgets(widgetParent) : true;
         bool initOk = false;
-        if (module->thread() == thread())
+        bool initRan = true;
+        QThread *home = module->thread();
+        if (home == thread())
             initOk = module->init();
         else
-            QMetaObject::invokeMethod(module, "init", Qt::BlockingQueuedConnection,
-                                      Q_RETURN_ARG(bool, initOk));
+            initOk = initInThread(module, home, &initRan);
         // A module that failed to start stays loaded: it is only reported.
         KDEBUG << record.library->getName() << "init" << ((widgetsOk && initOk) ? "true" : "false");
         const qint64 took = now() - started;
@@ -533,7 +622,9 @@ int ZtKernel::initModules()
             info.initNs = took;
             info.stage = (widgetsOk && initOk) ? ModuleLoadRecord::Initialised
                                                : ModuleLoadRecord::InitFailed;
-            if (!initOk)
+            if (!initRan)
+                info.error = QStringLiteral("init() not run: the module's thread has ended");
+            else if (!initOk)
                 info.error = QStringLiteral("init() returned false");
             else if (!widgetsOk)
                 info.error = QStringLiteral("initWidgets() returned false");
@@ -542,21 +633,14 @@ int ZtKernel::initModules()
         }
     }
 
-    for (const ComplexModule &record : snapshot) {
-        if (record.module)
-            QMetaObject::invokeMethod(record.module, "applyOptions");
-    }
+    inEachThread(snapshot, [](ZtMIFound *module) { module->applyOptions(); });
     flushEvents();
 
     // Each module announces its options from its own thread, after its applyOptions: a worker
     // module's table is only read where it is written.
-    for (const ComplexModule &record : snapshot) {
-        ZtMIFound *module = record.module;
-        if (module)
-            QMetaObject::invokeMethod(module, [module] {
-                emit module->sendOptions(ModuleOptions(*module->getOptions()));
-            });
-    }
+    inEachThread(snapshot, [](ZtMIFound *module) {
+        emit module->sendOptions(ModuleOptions(*module->getOptions()));
+    });
     flushEvents();
 
     emit actStart();
