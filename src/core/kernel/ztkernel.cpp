@@ -125,23 +125,30 @@ struct InitCall
     QSemaphore done;
 };
 
-// Runs module->init() in the module's thread `home` and waits for it: inits run one after the
-// other, in the configured order. A healthy worker answers within microseconds, so the caller
-// polls for a moment, yielding to others on a busy machine, before it sleeps: a sleep and a
-// wake-up per module used to cost more than the inits themselves. There is no deadline, since an
-// init() may rightly take long (devices, connections); the way out is the thread ending without
-// having run the call. False in `ran` then.
-bool initInThread(ZtMIFound *module, QThread *home, bool *ran)
+// Posts module->init() into the module's thread `home`; null when that thread does not run.
+QSharedPointer<InitCall> postInit(ZtMIFound *module, QThread *home)
 {
-    *ran = false;
-    if (!home->isRunning())
-        return false;
+    if (!home || !home->isRunning())
+        return {};
     auto call = QSharedPointer<InitCall>::create();
     postQueuedCall(module, [module, call] {
         call->state.store(module->init() ? InitCall::Succeeded : InitCall::Failed,
                           std::memory_order_release);
         call->done.release();
     });
+    return call;
+}
+
+// Waits for a posted init(). A healthy worker answers within microseconds, so this polls for a
+// moment, yielding to others on a busy machine, before it sleeps: a sleep and a wake-up per
+// module used to cost more than the inits themselves. There is no deadline, since an init() may
+// rightly take long (devices, connections); the way out is the thread ending without having run
+// the call (or not running in the first place: null `call`). False in `ran` then.
+bool awaitInit(const QSharedPointer<InitCall> &call, QThread *home, bool *ran)
+{
+    *ran = false;
+    if (!call)
+        return false;
     const auto answered
         = [&call] { return call->state.load(std::memory_order_acquire) != InitCall::Pending; };
     QElapsedTimer polling;
@@ -600,38 +607,61 @@ int ZtKernel::initModules()
 {
     const int phase = beginPhase(QStringLiteral("init modules"));
     const QList<ComplexModule> snapshot = modules;
+    // Each module is reported (debug line, record, phase) while the next one's init() runs in
+    // its thread: the kernel would otherwise only wait then. Reports keep the module order.
+    struct Outcome
+    {
+        int index = -1;
+        bool widgetsOk = false;
+        bool initOk = false;
+        bool initRan = false;
+        qint64 started = 0;
+        qint64 took = 0;
+    };
+    Outcome previous;
+    const auto report = [this, &snapshot](const Outcome &done) {
+        const bool ok = done.widgetsOk && done.initOk;
+        // A module that failed to start stays loaded: it is only reported.
+        KDEBUG << snapshot.at(done.index).library->getName() << "init" << (ok ? "true" : "false");
+        if (done.index >= m_records.size())
+            return;
+        ModuleLoadRecord &info = m_records[done.index];
+        info.initNs = done.took;
+        info.stage = ok ? ModuleLoadRecord::Initialised : ModuleLoadRecord::InitFailed;
+        if (!done.initRan)
+            info.error = QStringLiteral("init() not run: the module's thread has ended");
+        else if (!done.initOk)
+            info.error = QStringLiteral("init() returned false");
+        else if (!done.widgetsOk)
+            info.error = QStringLiteral("initWidgets() returned false");
+        m_phases.append(
+            {QStringLiteral("init %1").arg(moduleLabelFor(info)), done.started, done.took, 1});
+    };
     for (int i = 0; i < snapshot.size(); ++i) {
-        const ComplexModule &record = snapshot.at(i);
-        ZtMIFound *module = record.module;
+        ZtMIFound *module = snapshot.at(i).module;
         if (!module)
             continue;
-        const qint64 started = now();
-        const bool widgetsOk = widgetParent ? module->initWidgets(widgetParent) : true;
-        bool initOk = false;
-        bool initRan = true;
+        Outcome current;
+        current.index = i;
+        current.started = now();
+        current.widgetsOk = widgetParent ? module->initWidgets(widgetParent) : true;
         QThread *home = module->thread();
-        if (home == thread())
-            initOk = module->init();
-        else
-            initOk = initInThread(module, home, &initRan);
-        // A module that failed to start stays loaded: it is only reported.
-        KDEBUG << record.library->getName() << "init" << ((widgetsOk && initOk) ? "true" : "false");
-        const qint64 took = now() - started;
-        if (i < m_records.size()) {
-            ModuleLoadRecord &info = m_records[i];
-            info.initNs = took;
-            info.stage = (widgetsOk && initOk) ? ModuleLoadRecord::Initialised
-                                               : ModuleLoadRecord::InitFailed;
-            if (!initRan)
-                info.error = QStringLiteral("init() not run: the module's thread has ended");
-            else if (!initOk)
-                info.error = QStringLiteral("init() returned false");
-            else if (!widgetsOk)
-                info.error = QStringLiteral("initWidgets() returned false");
-            m_phases.append(
-                {QStringLiteral("init %1").arg(moduleLabelFor(info)), started, took, 1});
+        QSharedPointer<InitCall> pending;
+        if (home == thread()) {
+            current.initOk = module->init();
+            current.initRan = true;
+        } else {
+            pending = postInit(module, home);
         }
+        if (previous.index >= 0)
+            report(previous);
+        if (home != thread())
+            current.initOk = awaitInit(pending, home, &current.initRan);
+        current.took = now() - current.started;
+        previous = current;
     }
+    if (previous.index >= 0)
+        report(previous);
 
     inEachThread(snapshot, [](ZtMIFound *module) { module->applyOptions(); });
     flushEvents();
