@@ -452,11 +452,15 @@ int ZtKernel::loadModules(QString dir)
     const int phase = beginPhase(QStringLiteral("load modules"));
     const QDir folder(dir);
     QPluginLoader loader;
-    for (int i = 0; sysSettings->isModuleNameContains(i); ++i) {
+    for (int i = 0;; ++i) {
         const qint64 started = now();
+        // One walk of the module's settings groups for everything read about it here.
+        const SysSettings::ModuleEntry entry = sysSettings->readModuleEntry(i);
+        if (!entry.found)
+            break;
         ComplexModule record;
         record.type = -1;
-        const QString name = sysSettings->readModuleName(i);
+        const QString name = entry.name;
         const QString path = folder.filePath(name.toLower() + QStringLiteral(".dll"));
 
         ModuleLoadRecord info;
@@ -464,7 +468,7 @@ int ZtKernel::loadModules(QString dir)
         info.name = name;
         info.alias = sysSettings->value(QStringLiteral("aliases/id_%1").arg(i)).toString();
         info.libraryPath = path;
-        info.threadNumber = sysSettings->readModuleThread(i);
+        info.threadNumber = entry.thread;
         // Every way out of this iteration keeps the record and the kernel's slot in step.
         auto keep = [&](ModuleLoadRecord::Stage stage, const QString &error) {
             info.stage = stage;
@@ -543,7 +547,8 @@ int ZtKernel::loadModules(QString dir)
         ZtMIFound *module = record.module;
         module->setup();
         QHash<QString, QVariant> *options = module->getOptions();
-        sysSettings->readModuleSetting(i, options);
+        for (auto it = entry.settings.constBegin(); it != entry.settings.constEnd(); ++it)
+            options->insert(it.key(), it.value());
         logger->registerSource(module, options->value(QStringLiteral(".alias")).toString());
 
         const int threadNumber = info.threadNumber;
