@@ -6,7 +6,10 @@
 #include <ztaction.h>
 #include <ztliblevelinterface.h>
 #include <ztmifound.h>
+#include <ztmodulemetadata.h>
 
+#include <QCborMap>
+#include <QCborStreamWriter>
 #include <QDialogButtonBox>
 #include <QDir>
 #include <QMetaMethod>
@@ -119,6 +122,8 @@ private slots:
     void buttons();
     void setValue_data();
     void setValue();
+    void embeddedMetaData_data();
+    void embeddedMetaData();
 };
 
 // setOption takes a [name, value] list and announces nothing; recvOptions and
@@ -433,6 +438,124 @@ void tst_Module::setValue()
         QCOMPARE(action.data().toString(), value.toString());
         QCOMPARE(action.data().userType(), value.userType());
     }
+}
+
+// The raw plug-in metadata a module library reads about itself: its own reader must give what
+// Qt's conversion to JSON gives, and bytes it does not know must still come out right through
+// Qt's conversion.
+namespace {
+
+QByteArray rawMetaData;
+const char *queryRawMetaData()
+{
+    return rawMetaData.constData();
+}
+
+QByteArray metaDataHeader(char last = '!')
+{
+    QByteArray header("QTMETADATA ");
+    header += last;
+    header += char(0);
+    header += char(QT_VERSION_MAJOR);
+    header += char(QT_VERSION_MINOR);
+    header += char(0);
+    return header;
+}
+
+QCborMap moduleEntries(const QVariant &version = QStringLiteral("2.1.0"))
+{
+    return QCborMap::fromVariantMap(
+        {{QStringLiteral("description"), QStringLiteral("Gain")},
+         {QStringLiteral("interfaceType"), QStringLiteral("ZtMIStream")},
+         {QStringLiteral("interfaceVersion"), QStringLiteral("1.2.0")},
+         {QStringLiteral("kind"), QStringLiteral("filter")},
+         {QStringLiteral("name"), QStringLiteral("Gain")},
+         {QStringLiteral("version"), version}});
+}
+
+// The layout moc writes: a map of indefinite length with small integer keys.
+QByteArray mocLayout(const QString &iid, const QCborMap &entries)
+{
+    QByteArray cbor;
+    QCborStreamWriter writer(&cbor);
+    writer.startMap();
+    writer.append(2);
+    writer.append(iid);
+    writer.append(3);
+    writer.append(QLatin1String("GainLibrary"));
+    writer.append(4);
+    entries.toCborValue().toCbor(writer);
+    writer.endMap();
+    return metaDataHeader() + cbor;
+}
+
+} // namespace
+
+void tst_Module::embeddedMetaData_data()
+{
+    QTest::addColumn<QByteArray>("raw");
+    QTest::addColumn<bool>("direct"); // read without Qt's conversion
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QString>("error");
+
+    const QString iid = QStringLiteral(ZtLibLevelInterface_iid);
+    QTest::newRow("moc layout") << mocLayout(iid, moduleEntries()) << true << "Gain"
+                                << "";
+    QTest::newRow("text keys, definite map") << metaDataHeader()
+            + QCborMap {{QStringLiteral("IID"), iid}, {QStringLiteral("MetaData"), moduleEntries()}}
+                  .toCborValue()
+                  .toCbor() << true << "Gain"
+                                             << "";
+    QTest::newRow("no module metadata") << mocLayout(iid, QCborMap()) << true << ""
+                                        << "no module metadata";
+    QTest::newRow("another interface")
+        << mocLayout(QStringLiteral("org.example.Other/1.0"), moduleEntries()) << true << ""
+        << "not a ZtCore module library";
+    QTest::newRow("version not text") << mocLayout(iid, moduleEntries(3)) << true << "Gain"
+                                      << "";
+
+    // A text in chunks (indefinite length) is valid CBOR that moc does not write.
+    QByteArray chunked
+        = mocLayout(iid, QCborMap {{QStringLiteral("name"), QStringLiteral("@@@@")}});
+    const QByteArray name = QByteArray("\x64") + "@@@@";
+    chunked.replace(chunked.indexOf(name), name.size(), QByteArray("\x7f\x62Ga\x62in\xff", 8));
+    QTest::newRow("chunked text") << chunked << false << "Gain"
+                                  << "";
+    QByteArray reserved = mocLayout(iid, moduleEntries());
+    reserved[metaDataHeader().size() + 1] = char(0x1c); // a reserved head where a key starts
+    QTest::newRow("malformed") << reserved << false << ""
+                               << "not a ZtCore module library";
+    QTest::newRow("other signature")
+        << metaDataHeader('?') + mocLayout(iid, moduleEntries()).mid(16) << false << ""
+        << "not a ZtCore module library";
+}
+
+void tst_Module::embeddedMetaData()
+{
+    QFETCH(QByteArray, raw);
+    QFETCH(bool, direct);
+    QFETCH(QString, name);
+    QFETCH(QString, error);
+
+    rawMetaData = raw;
+    const auto clear = qScopeGuard([] { rawMetaData.clear(); });
+    ZtModuleMetaData read;
+    QCOMPARE(ZtModuleMetaData::readRaw(raw.constData(), &read), direct);
+
+    const ZtModuleMetaData embedded = ZtModuleMetaData::fromEmbedded(&queryRawMetaData);
+    const ZtModuleMetaData byQt = ZtModuleMetaData::fromPluginMetaData(
+        QStaticPlugin {nullptr, &queryRawMetaData}.metaData());
+    const auto fields = [](const ZtModuleMetaData &data) {
+        return QStringList {data.getName(),          data.getKind(),
+                            data.getVersion(),       data.getDescription(),
+                            data.getInterfaceType(), QString::number(data.getInterfaceVersion()),
+                            data.errorString()};
+    };
+    QCOMPARE(fields(embedded), fields(byQt));
+    QCOMPARE(embedded.getName(), name);
+    QCOMPARE(embedded.errorString(), error);
+    if (direct)
+        QCOMPARE(fields(read), fields(byQt));
 }
 
 QTEST_MAIN(tst_Module)

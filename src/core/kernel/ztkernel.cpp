@@ -10,6 +10,7 @@
 #include "settingsfinding.h"
 #include "syssettings.h"
 #include "threadlauncher.h"
+#include "tsanhandoff_p.h"
 #include "ztliblevelinterface.h"
 #include "ztmiextended.h"
 #include "ztmifound.h"
@@ -20,12 +21,14 @@
 #include <QDeadlineTimer>
 #include <QDebug>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QLibraryInfo>
 #include <QMenu>
 #include <QMetaMethod>
 #include <QMetaObject>
 #include <QPluginLoader>
+#include <QPointer>
 #include <QSemaphore>
 #include <QSharedPointer>
 #include <QThread>
@@ -34,6 +37,7 @@
 #include <QTranslator>
 #include <QWidget>
 
+#include <atomic>
 #include <cstdio>
 #include <functional>
 
@@ -109,6 +113,97 @@ PendingCall postToModule(ZtMIFound *module, int index, const std::function<void(
         },
         Qt::QueuedConnection);
     return pending;
+}
+
+// The answer of one init() run in a module's thread. The state is an atomic of the library's own,
+// so that the result is handed over visibly to the thread sanitizer too; the semaphore only puts
+// the waiting thread to sleep.
+struct InitCall
+{
+    enum { Pending, Succeeded, Failed };
+    std::atomic<int> state {Pending};
+    QSemaphore done;
+};
+
+// Posts module->init() into the module's thread `home`; null when that thread does not run.
+QSharedPointer<InitCall> postInit(ZtMIFound *module, QThread *home)
+{
+    if (!home || !home->isRunning())
+        return {};
+    auto call = QSharedPointer<InitCall>::create();
+    postQueuedCall(module, [module, call] {
+        call->state.store(module->init() ? InitCall::Succeeded : InitCall::Failed,
+                          std::memory_order_release);
+        call->done.release();
+    });
+    return call;
+}
+
+// Waits for a posted init(). A healthy worker answers within microseconds, so this polls for a
+// moment, yielding to others on a busy machine, before it sleeps: a sleep and a wake-up per
+// module used to cost more than the inits themselves. There is no deadline, since an init() may
+// rightly take long (devices, connections); the way out is the thread ending without having run
+// the call (or not running in the first place: null `call`). False in `ran` then.
+bool awaitInit(const QSharedPointer<InitCall> &call, QThread *home, bool *ran)
+{
+    *ran = false;
+    if (!call)
+        return false;
+    const auto answered
+        = [&call] { return call->state.load(std::memory_order_acquire) != InitCall::Pending; };
+    QElapsedTimer polling;
+    polling.start();
+    while (!answered() && polling.nsecsElapsed() < 200000)
+        QThread::yieldCurrentThread();
+    while (!answered()) {
+        if (call->done.tryAcquire(1, 50))
+            continue;
+        // A thread that ends runs no more calls; one last look, as it may have run this one
+        // just before.
+        if (!home->isRunning() && !answered())
+            return false;
+    }
+    *ran = true;
+    return call->state.load(std::memory_order_acquire) == InitCall::Succeeded;
+}
+
+// Calls `step` for every module of `modules` in the module's own thread, in their order: at once
+// for the modules of this thread, as one queued call per worker thread for all of that thread's
+// modules. A queued call per module would run them in the same order, but wake the thread once
+// per module. A module that moved to another thread in the meantime gets its own call there.
+void inEachThread(const QList<ComplexModule> &modules, void (*step)(ZtMIFound *))
+{
+    QVector<QThread *> threads;
+    QVector<QVector<QPointer<ZtMIFound>>> batches;
+    for (const ComplexModule &record : modules) {
+        ZtMIFound *module = record.module;
+        if (!module)
+            continue;
+        QThread *home = module->thread();
+        if (home == QThread::currentThread()) {
+            step(module);
+            continue;
+        }
+        int batch = threads.indexOf(home);
+        if (batch < 0) {
+            batch = threads.size();
+            threads.append(home);
+            batches.append(QVector<QPointer<ZtMIFound>>());
+        }
+        batches[batch].append(module);
+    }
+    for (const QVector<QPointer<ZtMIFound>> &batch : qAsConst(batches)) {
+        postQueuedCall(batch.first().data(), [batch, step] {
+            for (const QPointer<ZtMIFound> &module : batch) {
+                if (!module)
+                    continue;
+                if (module->thread() == QThread::currentThread())
+                    step(module);
+                else
+                    QMetaObject::invokeMethod(module, [module, step] { step(module); });
+            }
+        });
+    }
 }
 
 } // namespace
@@ -357,11 +452,15 @@ int ZtKernel::loadModules(QString dir)
     const int phase = beginPhase(QStringLiteral("load modules"));
     const QDir folder(dir);
     QPluginLoader loader;
-    for (int i = 0; sysSettings->isModuleNameContains(i); ++i) {
+    for (int i = 0;; ++i) {
         const qint64 started = now();
+        // One walk of the module's settings groups for everything read about it here.
+        const SysSettings::ModuleEntry entry = sysSettings->readModuleEntry(i);
+        if (!entry.found)
+            break;
         ComplexModule record;
         record.type = -1;
-        const QString name = sysSettings->readModuleName(i);
+        const QString name = entry.name;
         const QString path = folder.filePath(name.toLower() + QStringLiteral(".dll"));
 
         ModuleLoadRecord info;
@@ -369,7 +468,7 @@ int ZtKernel::loadModules(QString dir)
         info.name = name;
         info.alias = sysSettings->value(QStringLiteral("aliases/id_%1").arg(i)).toString();
         info.libraryPath = path;
-        info.threadNumber = sysSettings->readModuleThread(i);
+        info.threadNumber = entry.thread;
         // Every way out of this iteration keeps the record and the kernel's slot in step.
         auto keep = [&](ModuleLoadRecord::Stage stage, const QString &error) {
             info.stage = stage;
@@ -448,7 +547,8 @@ int ZtKernel::loadModules(QString dir)
         ZtMIFound *module = record.module;
         module->setup();
         QHash<QString, QVariant> *options = module->getOptions();
-        sysSettings->readModuleSetting(i, options);
+        for (auto it = entry.settings.constBegin(); it != entry.settings.constEnd(); ++it)
+            options->insert(it.key(), it.value());
         logger->registerSource(module, options->value(QStringLiteral(".alias")).toString());
 
         const int threadNumber = info.threadNumber;
@@ -512,51 +612,70 @@ int ZtKernel::initModules()
 {
     const int phase = beginPhase(QStringLiteral("init modules"));
     const QList<ComplexModule> snapshot = modules;
+    // Each module is reported (debug line, record, phase) while the next one's init() runs in
+    // its thread: the kernel would otherwise only wait then. Reports keep the module order.
+    struct Outcome
+    {
+        int index = -1;
+        bool widgetsOk = false;
+        bool initOk = false;
+        bool initRan = false;
+        qint64 started = 0;
+        qint64 took = 0;
+    };
+    Outcome previous;
+    const auto report = [this, &snapshot](const Outcome &done) {
+        const bool ok = done.widgetsOk && done.initOk;
+        // A module that failed to start stays loaded: it is only reported.
+        KDEBUG << snapshot.at(done.index).library->getName() << "init" << (ok ? "true" : "false");
+        if (done.index >= m_records.size())
+            return;
+        ModuleLoadRecord &info = m_records[done.index];
+        info.initNs = done.took;
+        info.stage = ok ? ModuleLoadRecord::Initialised : ModuleLoadRecord::InitFailed;
+        if (!done.initRan)
+            info.error = QStringLiteral("init() not run: the module's thread has ended");
+        else if (!done.initOk)
+            info.error = QStringLiteral("init() returned false");
+        else if (!done.widgetsOk)
+            info.error = QStringLiteral("initWidgets() returned false");
+        m_phases.append(
+            {QStringLiteral("init %1").arg(moduleLabelFor(info)), done.started, done.took, 1});
+    };
     for (int i = 0; i < snapshot.size(); ++i) {
-        const ComplexModule &record = snapshot.at(i);
-        ZtMIFound *module = record.module;
+        ZtMIFound *module = snapshot.at(i).module;
         if (!module)
             continue;
-        const qint64 started = now();
-        const bool widgetsOk = widgetParent ? module->initWidgets(widgetParent) : true;
-        bool initOk = false;
-        if (module->thread() == thread())
-            initOk = module->init();
-        else
-            QMetaObject::invokeMethod(module, "init", Qt::BlockingQueuedConnection,
-                                      Q_RETURN_ARG(bool, initOk));
-        // A module that failed to start stays loaded: it is only reported.
-        KDEBUG << record.library->getName() << "init" << ((widgetsOk && initOk) ? "true" : "false");
-        const qint64 took = now() - started;
-        if (i < m_records.size()) {
-            ModuleLoadRecord &info = m_records[i];
-            info.initNs = took;
-            info.stage = (widgetsOk && initOk) ? ModuleLoadRecord::Initialised
-                                               : ModuleLoadRecord::InitFailed;
-            if (!initOk)
-                info.error = QStringLiteral("init() returned false");
-            else if (!widgetsOk)
-                info.error = QStringLiteral("initWidgets() returned false");
-            m_phases.append(
-                {QStringLiteral("init %1").arg(moduleLabelFor(info)), started, took, 1});
+        Outcome current;
+        current.index = i;
+        current.started = now();
+        current.widgetsOk = widgetParent ? module->initWidgets(widgetParent) : true;
+        QThread *home = module->thread();
+        QSharedPointer<InitCall> pending;
+        if (home == thread()) {
+            current.initOk = module->init();
+            current.initRan = true;
+        } else {
+            pending = postInit(module, home);
         }
+        if (previous.index >= 0)
+            report(previous);
+        if (home != thread())
+            current.initOk = awaitInit(pending, home, &current.initRan);
+        current.took = now() - current.started;
+        previous = current;
     }
+    if (previous.index >= 0)
+        report(previous);
 
-    for (const ComplexModule &record : snapshot) {
-        if (record.module)
-            QMetaObject::invokeMethod(record.module, "applyOptions");
-    }
+    inEachThread(snapshot, [](ZtMIFound *module) { module->applyOptions(); });
     flushEvents();
 
     // Each module announces its options from its own thread, after its applyOptions: a worker
     // module's table is only read where it is written.
-    for (const ComplexModule &record : snapshot) {
-        ZtMIFound *module = record.module;
-        if (module)
-            QMetaObject::invokeMethod(module, [module] {
-                emit module->sendOptions(ModuleOptions(*module->getOptions()));
-            });
-    }
+    inEachThread(snapshot, [](ZtMIFound *module) {
+        emit module->sendOptions(ModuleOptions(*module->getOptions()));
+    });
     flushEvents();
 
     emit actStart();

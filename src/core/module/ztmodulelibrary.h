@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ztcore_export.h"
 #include "ztliblevelinterface.h"
 #include "ztmiextended.h"
 #include "ztmistream.h"
@@ -16,6 +17,11 @@
 // metadata; only plug-in code may call it.
 extern "C" Q_DECL_EXPORT const char *qt_plugin_query_metadata();
 
+// The metatype ids of ZtMIStream* (`stream`) and ZtMIExtended*, kept by the core library.
+// QVariant::fromValue() in a plug-in would look the type up by name once per plug-in, which costs
+// more than creating the module.
+ZTCORE_EXPORT int ztModulePointerType(bool stream);
+
 // Wraps a new module the way ZtLibLevelInterface::instance() hands it to the kernel: a QVariant
 // holding a ZtMIStream* or a ZtMIExtended*. The one line of a hand-written instance():
 //     return ztModuleInstance(new Gain(id, parent));
@@ -25,10 +31,13 @@ QVariant ztModuleInstance(Module *module)
     static_assert(std::is_base_of<ZtMIStream, Module>::value
                       || std::is_base_of<ZtMIExtended, Module>::value,
                   "a module derives from ZtMIStream or ZtMIExtended");
-    if constexpr (std::is_base_of<ZtMIStream, Module>::value)
-        return QVariant::fromValue(static_cast<ZtMIStream *>(module));
-    else
-        return QVariant::fromValue(static_cast<ZtMIExtended *>(module));
+    if constexpr (std::is_base_of<ZtMIStream, Module>::value) {
+        ZtMIStream *stream = module;
+        return QVariant(ztModulePointerType(true), &stream);
+    } else {
+        ZtMIExtended *extended = module;
+        return QVariant(ztModulePointerType(false), &extended);
+    }
 }
 
 // The plug-in root object of a library that makes modules of class `Module` (constructed as
@@ -75,8 +84,8 @@ public:
     // The metadata embedded in this plug-in, read once.
     static const ZtModuleMetaData &metaData()
     {
-        static const ZtModuleMetaData data = ZtModuleMetaData::fromPluginMetaData(
-            QStaticPlugin {nullptr, &qt_plugin_query_metadata}.metaData());
+        static const ZtModuleMetaData data
+            = ZtModuleMetaData::fromEmbedded(&qt_plugin_query_metadata);
         return data;
     }
 };

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ztcore_export.h"
 #include "ztliblevelinterface.h"
 
 #include <QFileInfo>
@@ -7,13 +8,15 @@
 #include <QPluginLoader>
 #include <QString>
 #include <QStringList>
+#include <QtPlugin>
 
 // What a module library says about itself in the metadata that ztcore_add_module embeds: name,
 // kind, version, description, interface type and interface version. It is read from the file
 // without loading the library, so no code of the module runs (QPluginLoader::metaData()).
 //
-// A value type, header-only. A library built without that metadata (an empty "MetaData" object)
-// reads back as not valid; so does a file that is no plug-in of the module interface.
+// A value type. A library built without that metadata (an empty "MetaData" object) reads back as
+// not valid; so does a file that is no plug-in of the module interface. A loaded library reads
+// its own metadata straight from the bytes moc embedded (fromEmbedded()).
 class ZtModuleMetaData
 {
 public:
@@ -56,20 +59,59 @@ public:
         return result;
     }
 
+    // The metadata a loaded plug-in embeds, given its qt_plugin_query_metadata(). Read straight
+    // from the raw bytes when they are in the form readRaw() knows, which costs a small part of
+    // Qt's conversion of the whole object to JSON (QStaticPlugin::metaData()); Qt's conversion
+    // otherwise, so that a future layout still reads correctly, only slower.
+    static ZTCORE_EXPORT ZtModuleMetaData fromEmbedded(QtPluginMetaDataFunction query);
+
+    // Reads the raw form of Qt 5's plug-in metadata as moc writes it: the signature
+    // "QTMETADATA !", a metadata format byte (0), Qt's major and minor version, the architecture
+    // requirements, then one CBOR map whose keys are small integers for Qt's own entries (2 the
+    // IID, 4 the "MetaData" object; text keys are accepted too). Fills `result` as
+    // fromPluginMetaData() would from Qt's JSON form and returns true; returns false, leaving
+    // `result` unspecified, for anything else: a null pointer, another signature or format,
+    // malformed or truncated CBOR.
+    static ZTCORE_EXPORT bool readRaw(const char *raw, ZtModuleMetaData *result);
+
     // "1.2.0" -> 1 << 16 | 2 << 8 | 0, the form of ZtLibLevelInterface::getInterfaceVersion();
     // -1 for anything else.
     static int packVersion(const QString &text)
     {
-        const QStringList parts = text.split(QLatin1Char('.'));
-        if (parts.size() != 3)
-            return -1;
+        // The usual "digits.digits.digits" by hand, since this runs for every library loaded;
+        // anything else the general way, which also takes what QString::toInt() takes.
         int packed = 0;
-        for (const QString &part : parts) {
+        int parts = 0;
+        int value = 0;
+        int digits = 0;
+        bool plain = true;
+        for (int i = 0; plain && i <= text.size(); ++i) {
+            const QChar c = i < text.size() ? text.at(i) : QLatin1Char('.');
+            if (c == QLatin1Char('.')) {
+                plain = digits > 0 && value <= 127 && ++parts <= 3;
+                packed = packed << 8 | value;
+                value = 0;
+                digits = 0;
+            } else if (c >= QLatin1Char('0') && c <= QLatin1Char('9') && digits < 9) {
+                value = value * 10 + (c.unicode() - '0');
+                ++digits;
+            } else {
+                plain = false;
+            }
+        }
+        if (plain)
+            return parts == 3 ? packed : -1;
+
+        const QStringList split = text.split(QLatin1Char('.'));
+        if (split.size() != 3)
+            return -1;
+        packed = 0;
+        for (const QString &part : split) {
             bool ok = false;
-            const int value = part.toInt(&ok);
-            if (!ok || value < 0 || value > 127)
+            const int number = part.toInt(&ok);
+            if (!ok || number < 0 || number > 127)
                 return -1;
-            packed = packed << 8 | value;
+            packed = packed << 8 | number;
         }
         return packed;
     }
@@ -112,8 +154,10 @@ public:
         compare("kind", kind, library.getKind());
         compare("version", version, library.getVersion());
         compare("interface type", interfaceType, library.getInterfaceType());
-        compare("interface version", versionText(interfaceVersion),
-                versionText(library.getInterfaceVersion()));
+        // Compared as text, as reported; the numbers are only a shortcut for the usual agreement.
+        const int theirVersion = library.getInterfaceVersion();
+        if (theirVersion != interfaceVersion)
+            compare("interface version", versionText(interfaceVersion), versionText(theirVersion));
         return result;
     }
 

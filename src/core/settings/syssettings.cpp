@@ -468,3 +468,44 @@ QStringList SysSettings::sortedValues()
         values.append(text(value(key)));
     return values;
 }
+
+SysSettings::ModuleEntry SysSettings::readModuleEntry(int id)
+{
+    const QString nameKey = QStringLiteral(".name");
+    const QString threadKey = QStringLiteral(".thread");
+    QHash<QString, QVariant> own; // under "id_<n>"
+    QHash<QString, QVariant> aliased; // under the module's alias
+    beginGroup(QStringLiteral("modules"));
+    beginGroupModule(id);
+    const QStringList idKeys = allKeys();
+    for (const QString &key : idKeys)
+        own.insert(key, value(key));
+    endGroup();
+    beginGroupModuleAliased(id);
+    const QStringList aliasKeys = allKeys();
+    for (const QString &key : aliasKeys)
+        aliased.insert(key, value(key));
+    endGroup();
+    endGroup();
+
+    ModuleEntry entry;
+    entry.found = own.contains(nameKey) || (aliases.contains(id) && aliased.contains(nameKey));
+    // As in valueFromGroupForModule(): "id_<n>" wins.
+    const auto either = [&own, &aliased](const QString &key, const QVariant &defaultValue) {
+        const auto it = own.constFind(key);
+        return it != own.constEnd() ? it.value() : aliased.value(key, defaultValue);
+    };
+    entry.name = text(either(nameKey, QVariant(QString())));
+    const QVariant thread = either(threadKey, QVariant());
+    entry.thread = thread.isValid() ? thread.toInt() : -1;
+
+    // As in readModuleSetting(): the alias group wins.
+    entry.settings = own;
+    for (auto it = aliased.constBegin(); it != aliased.constEnd(); ++it)
+        entry.settings.insert(it.key(), it.value());
+    const QString group = moduleGroup(id);
+    beginGroup(QStringLiteral("aliases"));
+    entry.settings.insert(QStringLiteral(".alias"), contains(group) ? text(value(group)) : group);
+    endGroup();
+    return entry;
+}

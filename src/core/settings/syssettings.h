@@ -79,6 +79,18 @@ public:
     // alias group replace those under "id_<n>". Also sets ".alias" to the module's alias, or to
     // "id_<n>" when it has none.
     bool readModuleSetting(int id, QHash<QString, QVariant> *settings);
+    // What the kernel reads about module `id` when it loads it, from one walk of the module's
+    // groups instead of one per question: `found` answers isModuleNameContains(), `name`
+    // readModuleName(), `thread` readModuleThread(), and `settings` holds what
+    // readModuleSetting() adds.
+    struct ModuleEntry
+    {
+        bool found = false;
+        QString name;
+        int thread = -1;
+        QHash<QString, QVariant> settings;
+    };
+    ModuleEntry readModuleEntry(int id);
 
     QString readModuleWMain(int id);
     QString readModuleWMainObjName(int id);

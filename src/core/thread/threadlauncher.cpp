@@ -119,21 +119,45 @@ bool ThreadLauncher::serveEventsUntil(Done done, int limitMs)
     return true;
 }
 
-bool ThreadLauncher::launchThread(int n)
+void ThreadLauncher::startThreads(int n)
 {
-    const int target = threads.size() + n;
     for (int i = 0; i < n; ++i) {
         currentLoop = new ThreadLoop(this);
-        connect(currentLoop, &ThreadLoop::launch, this, &ThreadLauncher::appendThread);
+        connect(currentLoop, &ThreadLoop::launch, this, &ThreadLauncher::announced);
+        // Named before it starts: the thread applies the name itself when it runs.
+        currentLoop->setThreadName(threadName(threads.size()));
         currentLoop->start(QThread::InheritPriority);
+        // QThread::start() has already warned when the system refused the thread.
+        if (!currentLoop->isRunning()) {
+            delete currentLoop;
+            currentLoop = nullptr;
+            return;
+        }
         connect(this, &ThreadLauncher::quitThreads, currentLoop, &QThread::quit);
+        threads.append(currentLoop);
     }
-    // Numbers follow the order in which the threads start running, not the creation order.
-    if (serveEventsUntil([&] { return threads.size() >= target; }, announceLimitMs))
+}
+
+bool ThreadLauncher::launchThread(int n)
+{
+    const int first = threads.size();
+    startThreads(n);
+    const int started = threads.size() - first;
+    const auto allAnnounced = [&] {
+        for (int i = first; i < threads.size(); ++i) {
+            if (!m_announced.contains(threads.at(i)))
+                return false;
+        }
         return true;
+    };
+    if (started == n && serveEventsUntil(allAnnounced, announceLimitMs))
+        return true;
+    int silent = n - started;
+    for (int i = first; i < threads.size(); ++i)
+        silent += m_announced.contains(threads.at(i)) ? 0 : 1;
     qWarning().noquote() << QStringLiteral("thread launcher: %1 of %2 new threads did not start "
                                            "within %3 s")
-                                .arg(target - threads.size())
+                                .arg(silent)
                                 .arg(n)
                                 .arg(announceLimitMs / 1000);
     return false;
@@ -143,8 +167,11 @@ QThread *ThreadLauncher::placeAt(int number)
 {
     if (number < 0)
         return thread();
+    // A thread that has just been started takes objects and queued calls already; waiting for
+    // its announcement here cost a sleep of this thread per new thread (a long one on a busy
+    // machine), and the start-up places modules on its threads one after the other.
     if (number >= threads.size())
-        launchThread(number + 1 - threads.size());
+        startThreads(number + 1 - threads.size());
     if (number >= threads.size()) {
         qWarning().noquote()
             << QStringLiteral("thread launcher: thread %1 is missing; using the launcher's thread")
@@ -176,11 +203,9 @@ int ThreadLauncher::threadCount() const
     return threads.size();
 }
 
-void ThreadLauncher::appendThread(QThread *th)
+void ThreadLauncher::announced(QThread *th)
 {
-    threads.append(th);
-    if (auto *loop = qobject_cast<ThreadLoop *>(th))
-        loop->setThreadName(threadName(threads.size() - 1));
+    m_announced.insert(th);
 }
 
 void ThreadLauncher::setPpgThread(QThread *th)

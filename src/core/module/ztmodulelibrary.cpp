@@ -1,0 +1,6 @@
+#include "ztmodulelibrary.h"
+
+int ztModulePointerType(bool stream)
+{
+    return stream ? qMetaTypeId<ZtMIStream *>() : qMetaTypeId<ZtMIExtended *>();
+}
