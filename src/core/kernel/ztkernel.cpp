@@ -4,6 +4,7 @@
 #include "kernelwiring_p.h"
 #include "logger.h"
 #include "optisync.h"
+#include "pluginprefetch_p.h"
 #include "propagator.h"
 #include "propagatorfeedbackconcurrent.h"
 #include "propagatorstreamconcurrent.h"
@@ -451,17 +452,25 @@ int ZtKernel::loadModules(QString dir)
 {
     const int phase = beginPhase(QStringLiteral("load modules"));
     const QDir folder(dir);
-    QPluginLoader loader;
+    // One walk of each module's settings groups for everything read about it here.
+    std::vector<SysSettings::ModuleEntry> entries;
+    QStringList paths;
     for (int i = 0;; ++i) {
-        const qint64 started = now();
-        // One walk of the module's settings groups for everything read about it here.
-        const SysSettings::ModuleEntry entry = sysSettings->readModuleEntry(i);
+        SysSettings::ModuleEntry entry = sysSettings->readModuleEntry(i);
         if (!entry.found)
             break;
+        paths.append(folder.filePath(entry.name.toLower() + QStringLiteral(".dll")));
+        entries.push_back(std::move(entry));
+    }
+    PluginPrefetch prefetch(paths);
+    QPluginLoader loader;
+    for (int i = 0; i < int(entries.size()); ++i) {
+        const qint64 started = now();
+        const SysSettings::ModuleEntry &entry = entries[size_t(i)];
         ComplexModule record;
         record.type = -1;
         const QString name = entry.name;
-        const QString path = folder.filePath(name.toLower() + QStringLiteral(".dll"));
+        const QString path = paths.at(i);
 
         ModuleLoadRecord info;
         info.number = i;
@@ -490,10 +499,13 @@ int ZtKernel::loadModules(QString dir)
             continue;
         }
 
+        prefetch.waitFor(i);
         loader.setFileName(path);
         QObject *instance = loader.instance();
         if (!instance) {
-            const QString error = loader.errorString();
+            QString error = prefetch.errorString(i);
+            if (error.isEmpty())
+                error = loader.errorString();
             log(tr("can't load ") + name + tr(" plugin"), 5);
             log(error, 5);
             KDEBUG << "can't load " << name << " plugin!";
