@@ -5,6 +5,7 @@
 #include <threadlauncher.h>
 #include <ztliblevelinterface.h>
 #include <ztkernel.h>
+#include <tsanhandoff_p.h>
 
 #include <QAction>
 #include <QDir>
@@ -131,6 +132,7 @@ private slots:
     void loading();
     void loadRecords_data();
     void loadRecords();
+    void initInEndedThread();
     void logFollowsTheSettings_data();
     void logFollowsTheSettings();
     void startUp();
@@ -294,6 +296,36 @@ void tst_ZtKernel::loadRecords()
     // Times are measured for what happened, and only for that.
     QVERIFY(record.loadNs >= 0);
     QCOMPARE(record.initNs >= 0, stage >= ModuleLoadRecord::Initialised);
+}
+
+// A worker thread that has ended, before the kernel asks for a module's init() or while it
+// waits for the answer, must not hold up the start-up: the module is reported as not started.
+void tst_ZtKernel::initInEndedThread()
+{
+    Rig rig(QStringLiteral("[mainwindow]\ncfgfile=ended threads\n[modules]\n"
+                           "id_0\\.name=TestStream\nid_0\\.thread=1\n"
+                           "id_1\\.name=TestStream\nid_1\\.thread=2\n"));
+    QCOMPARE(rig.kernel->loadModules(moduleDir), 0);
+    QThread *first = rig.module(0)->thread();
+    QThread *second = rig.module(1)->thread();
+    // The first thread ends after the kernel has posted its init() (it runs the calls in turn);
+    // the second has ended already.
+    postQueuedCall(rig.module(0), [] {
+        QThread::msleep(200);
+        QThread::currentThread()->quit();
+    });
+    second->quit();
+    QVERIFY(second->wait(10000));
+    rig.kernel->initModules();
+    QVERIFY(first->wait(10000));
+
+    for (const ModuleLoadRecord &record : rig.kernel->loadRecords()) {
+        QCOMPARE(int(record.stage), int(ModuleLoadRecord::InitFailed));
+        QCOMPARE(record.error, QStringLiteral("init() not run: the module's thread has ended"));
+    }
+    QCOMPARE(KernelProbe::events(0, QStringLiteral("init")).size()
+                 + KernelProbe::events(1, QStringLiteral("init")).size(),
+             0);
 }
 
 void tst_ZtKernel::logFollowsTheSettings_data()
