@@ -123,7 +123,7 @@ void ThreadLauncher::startThreads(int n)
 {
     for (int i = 0; i < n; ++i) {
         currentLoop = new ThreadLoop(this);
-        connect(currentLoop, &ThreadLoop::launch, this, &ThreadLauncher::announced);
+        connect(currentLoop, &ThreadLoop::launch, this, &ThreadLauncher::appendThread);
         // Named before it starts: the thread applies the name itself when it runs.
         currentLoop->setThreadName(threadName(threads.size()));
         currentLoop->start(QThread::InheritPriority);
@@ -203,7 +203,7 @@ int ThreadLauncher::threadCount() const
     return threads.size();
 }
 
-void ThreadLauncher::announced(QThread *th)
+void ThreadLauncher::appendThread(QThread *th)
 {
     m_announced.insert(th);
 }

@@ -53,7 +53,9 @@ signals:
     void quitThreads();
 
 private slots:
-    void announced(QThread *th);
+    // A thread's announcement from its own run(). The thread is in `threads` from its start;
+    // this records that it runs its event loop, which launchThread() waits for.
+    void appendThread(QThread *th);
     void setPpgThread(QThread *th);
 
 private:
