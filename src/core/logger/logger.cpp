@@ -32,6 +32,14 @@ constexpr int PostedEvent = QEvent::User + 0x2d1;
 // and never garbage before that runs.
 static Logger::SourceNamer sourceNamer = nullptr;
 
+// A module's name in the log: its alias, else "id_<n> (<object name>)".
+static QString displayName(const Logger::SourceInfo &info)
+{
+    return !info.alias.isEmpty() ? info.alias
+                                 : QStringLiteral("id_") + QString::number(info.id)
+            + QStringLiteral(" (") + info.objectName + QStringLiteral(")");
+}
+
 void Logger::setSourceNamer(SourceNamer namer)
 {
     sourceNamer = namer;
@@ -134,9 +142,7 @@ void Logger::post(QObject *source, QString strout, Logger::Level level)
             const auto it = postAliases.constFind(source);
             if (it != postAliases.constEnd() && !it->guard.isNull())
                 info.alias = it->alias;
-            name = !info.alias.isEmpty() ? info.alias
-                                         : QStringLiteral("id_") + QString::number(info.id)
-                    + QStringLiteral(" (") + info.objectName + QStringLiteral(")");
+            name = displayName(info);
         }
         writeEntry(now, name, strout, level);
         posted.push_back(Entry {now, name, std::move(strout), level});
@@ -223,9 +229,7 @@ QString Logger::sourceName(QObject *source) const
             if (it != registered.constEnd() && !it->guard.isNull())
                 info.alias = it->alias;
         }
-        name = !info.alias.isEmpty() ? info.alias
-                                     : QStringLiteral("id_") + QString::number(info.id)
-                + QStringLiteral(" (") + info.objectName + QStringLiteral(")");
+        name = displayName(info);
     }
     if (!ownThread) {
         lastSource = source;
