@@ -78,40 +78,16 @@ public:
     // -1 for anything else.
     static int packVersion(const QString &text)
     {
-        // The usual "digits.digits.digits" by hand, since this runs for every library loaded;
-        // anything else the general way, which also takes what QString::toInt() takes.
-        int packed = 0;
-        int parts = 0;
-        int value = 0;
-        int digits = 0;
-        bool plain = true;
-        for (int i = 0; plain && i <= text.size(); ++i) {
-            const QChar c = i < text.size() ? text.at(i) : QLatin1Char('.');
-            if (c == QLatin1Char('.')) {
-                plain = digits > 0 && value <= 127 && ++parts <= 3;
-                packed = packed << 8 | value;
-                value = 0;
-                digits = 0;
-            } else if (c >= QLatin1Char('0') && c <= QLatin1Char('9') && digits < 9) {
-                value = value * 10 + (c.unicode() - '0');
-                ++digits;
-            } else {
-                plain = false;
-            }
-        }
-        if (plain)
-            return parts == 3 ? packed : -1;
-
-        const QStringList split = text.split(QLatin1Char('.'));
-        if (split.size() != 3)
+        const QVector<QStringRef> parts = text.splitRef(QLatin1Char('.'));
+        if (parts.size() != 3)
             return -1;
-        packed = 0;
-        for (const QString &part : split) {
+        int packed = 0;
+        for (const QStringRef &part : parts) {
             bool ok = false;
-            const int number = part.toInt(&ok);
-            if (!ok || number < 0 || number > 127)
+            const int value = part.toInt(&ok);
+            if (!ok || value < 0 || value > 127)
                 return -1;
-            packed = packed << 8 | number;
+            packed = packed << 8 | value;
         }
         return packed;
     }
